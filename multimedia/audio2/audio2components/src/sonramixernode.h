@@ -1,0 +1,27 @@
+#ifndef OMBREL_SONRAMIXERNODE_H
+#define OMBREL_SONRAMIXERNODE_H
+
+#include "sonrabase.h"
+
+namespace ombrel {
+
+struct SonraMixerNode_p;
+
+// Sums the PCM frames of all its inputs, each with its own channel count,
+// into one frame, behind a soft limiter that recovers on timer ticks.
+class SonraMixerNode : public SonraNode {
+public:
+    SonraMixerNode(boost::shared_ptr<boost::asio::io_service> ioService, unsigned frameDuration, unsigned sampleRate);
+    ~SonraMixerNode() override;
+
+    void timerTick() override;
+    void reset(unsigned offset) override;
+    boost::shared_ptr<std::vector<char> > doProcess() override;
+
+private:
+    boost::scoped_ptr<SonraMixerNode_p> d;
+};
+
+} // namespace ombrel
+
+#endif

@@ -1,0 +1,92 @@
+// Utility library of the family: logging records, precondition assertions
+// and plain MD5 (from libmd).
+#ifndef OMBREL_SHARED_H
+#define OMBREL_SHARED_H
+
+#include <boost/function.hpp>
+
+#include <sstream>
+#include <string>
+
+// Plain MD5 after RFC 1321: MD5Init, MD5Update, MD5Final and MD5_CTX.
+#include <md5.h>
+
+namespace ombrel {
+
+enum class LogSeverity { Debug, Warning };
+
+struct LogRecord {
+    LogSeverity severity;
+    std::string category;
+    int level;
+    std::string text;
+};
+
+typedef boost::function<void (const LogRecord&)> LogSink;
+
+// Replaces where records go (thread-safe); an empty sink restores the
+// default, one line per record on stderr.
+void setLogSink(const LogSink& sink);
+
+// Debug records are dropped unless their category is enabled; warnings are
+// always written.
+void setDebugEnabled(const std::string& category, bool enabled);
+bool isDebugEnabled(const std::string& category);
+
+// Collects the items streamed into it during one statement and writes them
+// as one record when destroyed. Items are written back to back; with the
+// quoting flag set, text items are preceded by a blank and wrapped in double
+// quotes. A stream for a disabled category ignores its items cheaply.
+class DebugStream {
+public:
+    DebugStream(LogSeverity severity, const std::string& category, int level, bool quoteTexts);
+    DebugStream(DebugStream&& other) noexcept;
+    DebugStream(const DebugStream&) = delete;
+    DebugStream& operator=(const DebugStream&) = delete;
+    ~DebugStream();
+
+    DebugStream& operator<<(const char* text);
+    DebugStream& operator<<(const std::string& text);
+    DebugStream& operator<<(bool value);
+    DebugStream& operator<<(char value);
+    DebugStream& operator<<(int value);
+    DebugStream& operator<<(unsigned value);
+    DebugStream& operator<<(long value);
+    DebugStream& operator<<(unsigned long value);
+    DebugStream& operator<<(long long value);
+    DebugStream& operator<<(unsigned long long value);
+    DebugStream& operator<<(double value);
+
+    bool isActive() const { return m_active; }
+
+private:
+    template <typename T> DebugStream& appendNumber(T value);
+    DebugStream& appendText(const char* text, std::size_t length);
+
+    bool m_active;
+    bool m_quoteTexts;
+    LogSeverity m_severity;
+    int m_level;
+    std::string m_category;
+    std::string m_text;
+};
+
+DebugStream debug(const std::string& category, int level, bool flag);
+DebugStream warning(const std::string& category, bool flag);
+
+// Prints the failed expression, the function and the source path (from the
+// project's top folder, without extension), then aborts.
+[[noreturn]] void assertionFailed(const char* expression, const char* function, const char* file);
+
+} // namespace ombrel
+
+// Preconditions stay compiled in for every build type: they are part of the
+// behaviour. Building with SONRA_NO_ASSERTIONS removes them.
+#ifdef SONRA_NO_ASSERTIONS
+#define SONRA_ASSERT(expression) ((void)0)
+#else
+#define SONRA_ASSERT(expression) \
+    ((expression) ? (void)0 : ::ombrel::assertionFailed(#expression, __func__, __FILE__))
+#endif
+
+#endif

@@ -1,0 +1,37 @@
+# Installs the build into a fresh prefix, then configures, builds and runs a
+# small consumer against it, once through the CMake package and once through
+# pkg-config, so that a broken export fails here.
+file(REMOVE_RECURSE ${WORK_DIR})
+set(prefix ${WORK_DIR}/prefix)
+
+function(run_step)
+  execute_process(COMMAND ${ARGN} RESULT_VARIABLE result OUTPUT_VARIABLE out ERROR_VARIABLE err)
+  if(NOT result EQUAL 0)
+    message(FATAL_ERROR "step failed (${result}): ${ARGN}\n${out}\n${err}")
+  endif()
+  set(step_output "${out}" PARENT_SCOPE)
+endfunction()
+
+run_step(${CMAKE_COMMAND} --install ${BINARY_DIR} --prefix ${prefix})
+run_step(${CMAKE_COMMAND} -S ${SOURCE_DIR}/tests/install/consumer -B ${WORK_DIR}/consumer
+         -G ${GENERATOR} -DCMAKE_PREFIX_PATH=${prefix})
+run_step(${CMAKE_COMMAND} --build ${WORK_DIR}/consumer)
+run_step(${WORK_DIR}/consumer/consumer)
+if(NOT step_output MATCHES "mixed 640 bytes, first sample 3000")
+  message(FATAL_ERROR "consumer printed: ${step_output}")
+endif()
+
+# pkg-config: compile the same program with the flags the .pc file gives.
+set(ENV{PKG_CONFIG_PATH} ${prefix}/lib/pkgconfig)
+execute_process(COMMAND pkg-config --cflags --libs audio2components
+  RESULT_VARIABLE result OUTPUT_VARIABLE flags OUTPUT_STRIP_TRAILING_WHITESPACE)
+if(NOT result EQUAL 0)
+  message(FATAL_ERROR "pkg-config does not know audio2components")
+endif()
+separate_arguments(flags UNIX_COMMAND "${flags}")
+run_step(c++ -std=c++17 ${SOURCE_DIR}/tests/install/consumer/consumer.cpp ${flags}
+         -Wl,-rpath,${prefix}/lib -o ${WORK_DIR}/consumer_pc)
+run_step(${WORK_DIR}/consumer_pc)
+if(NOT step_output MATCHES "mixed 640 bytes, first sample 3000")
+  message(FATAL_ERROR "pkg-config consumer printed: ${step_output}")
+endif()
