@@ -66,9 +66,9 @@ boost::shared_ptr<std::vector<char> > SonraResamplerNode::doProcess()
     if (!d->m_resampler || channels == 0)
         return boost::shared_ptr<std::vector<char> >();
 
-    const uint32_t frameLen = (frameDuration() * d->m_inSampleRate) / 1000;
+    const uint32_t frameLen = (frameDuration() * d->m_inSampleRate) / 1000; // samples per channel
     // A short frame is resampled for what it holds, never read past.
-    const std::size_t bytesPerInstant = static_cast<std::size_t>(channels) * 2;
+    const std::size_t bytesPerInstant = static_cast<std::size_t>(channels) * 2; // one sample of every channel
     uint32_t inLen = static_cast<uint32_t>(std::min<std::size_t>(frameLen, in->size() / bytesPerInstant));
     uint32_t outCap = outputCapacity(frameLen, d->m_inSampleRate, d->m_outSampleRate);
 
