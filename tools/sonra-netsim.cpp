@@ -322,7 +322,7 @@ void printSummary(const Options& options, const sonranetsim::Result& result)
     std::printf("dropped by the head       %8llu\n", static_cast<unsigned long long>(j.framesDropped));
     std::printf("duplicates in the buffer  %8llu\n", static_cast<unsigned long long>(j.duplicates));
     std::printf("played                    %8u  %s\n", s.played, percentOf(s.played, s.sent).c_str());
-    std::printf("arrived, never played    %8u\n", s.neverPlayed);
+    std::printf("arrived, never played     %8u\n", s.neverPlayed);
     std::printf("underruns (frames)        %8llu\n", static_cast<unsigned long long>(j.underruns));
     std::printf("depth decreases           %8llu\n\n", static_cast<unsigned long long>(j.depthDecreases));
     std::printf("network delay             mean %.1f ms, 95th percentile %.1f ms\n", s.meanNetworkDelay,

@@ -540,8 +540,8 @@ inline Result simulate(const std::vector<int16_t>& input, const Config& config)
 
     const long typicalLag = static_cast<long>(std::lround(summary.meanDelay * rate / 1000.0)) + summary.codecDelay;
     summary.fixedLag = static_cast<int>(detail::bestLag(input, result.output,
-                                                        std::max(0L, typicalLag - long(frameSamples) * 2),
-                                                        typicalLag + long(frameSamples) * 2, span));
+                                                        std::max(0L, typicalLag - long(frameSamples)),
+                                                        typicalLag + long(frameSamples), span));
     summary.fixedLagSnr = detail::snrAtLag(input, result.output, summary.fixedLag);
     return result;
 }
