@@ -8,6 +8,13 @@
 #include <gtest/gtest.h>
 #include <opus.h>
 
+#include <unistd.h>
+
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <iterator>
 #include <set>
 #include <sstream>
 
@@ -264,4 +271,71 @@ TEST(NetSim, ScenarioErrorsNameTheLine)
         EXPECT_FALSE(parseScenario(in, lines, error)) << text;
         EXPECT_EQ(0u, error.find("line 3:")) << error;
     }
+}
+
+namespace {
+
+std::string commandOutput(const std::string& command)
+{
+    std::string output;
+    if (FILE* pipe = popen(command.c_str(), "r")) {
+        char buffer[256];
+        while (std::fgets(buffer, sizeof buffer, pipe))
+            output += buffer;
+        pclose(pipe);
+    }
+    return output;
+}
+
+} // namespace
+
+// A figure from sox's "stats" effect, e.g. "RMS lev dB".
+double soxStat(const std::string& command, const std::string& name)
+{
+    const std::string output = commandOutput(command + " -n stats 2>&1");
+    const std::string::size_type at = output.find(name);
+    return at == std::string::npos ? NAN : std::atof(output.c_str() + at + name.size());
+}
+
+// The command-line tool on a file sox makes (stereo, 44.1 kHz), judged by
+// sox: the output is 16 kHz mono, and PCM through a lossless network comes
+// back as the input (resampled as sox would) two frames late.
+TEST(NetSimTool, PlaysAFileAndSoxAgrees)
+{
+    const std::string tool = std::string(SONRA_BINARY_DIR) + "/tools/sonra-netsim";
+    if (access(tool.c_str(), X_OK) != 0 || std::system("sox --version > /dev/null 2>&1") != 0)
+        GTEST_SKIP() << "needs the tool (not built with SONRA_BUILD_TOOLS=OFF) and sox";
+    char folder[] = "/tmp/sonra-netsim-XXXXXX";
+    ASSERT_NE(nullptr, mkdtemp(folder));
+    const std::string dir = std::string(folder) + "/";
+    ASSERT_EQ(0, std::system(("sox -n -r 44100 -c 2 -b 16 " + dir + "in.wav synth 1.0 sine 440 sine 660 gain -6")
+                                 .c_str()));
+    const std::string run = tool + " " + dir + "in.wav " + dir + "out.wav --codec pcm --delay 30";
+    const std::string summary = commandOutput(run + " --trace " + dir + "trace.csv --write-scenario " + dir +
+                                              "scenario.txt");
+    EXPECT_NE(std::string::npos, summary.find("packets sent                    50")) << summary;
+    EXPECT_NE(std::string::npos, summary.find("SNR, frames aligned       exact")) << summary;
+    EXPECT_EQ("16000\n", commandOutput("soxi -r " + dir + "out.wav"));
+    EXPECT_EQ("1\n", commandOutput("soxi -c " + dir + "out.wav"));
+
+    // 0.1 s to 0.9 s of sox's resampling against ours, 640 samples later.
+    // (Two steps: in one, sox would trim before it resamples.)
+    const std::string reference = "sox " + dir + "in.wav -r 16000 -c 1 " + dir + "ref.wav && sox " + dir +
+                                  "ref.wav " + dir + "a.wav trim 1600s 12800s";
+    const std::string ours = "sox " + dir + "out.wav " + dir + "b.wav trim 2240s 12800s";
+    ASSERT_EQ(0, std::system((reference + " && " + ours).c_str()));
+    const double signal = soxStat("sox " + dir + "a.wav", "RMS lev dB");
+    const double difference = soxStat("sox -m -v 1 " + dir + "a.wav -v -1 " + dir + "b.wav", "RMS lev dB");
+    EXPECT_LT(difference, signal - 40) << signal << " dB signal, " << difference << " dB difference";
+
+    const std::size_t samples = std::stoul(commandOutput("soxi -s " + dir + "out.wav"));
+    std::ifstream trace(dir + "trace.csv");
+    const std::size_t traceLines = std::count(std::istreambuf_iterator<char>(trace), std::istreambuf_iterator<char>(), '\n');
+    EXPECT_EQ(samples / FRAME_SAMPLES + 1, traceLines);
+
+    // The written scenario replays to the same file.
+    commandOutput(tool + " " + dir + "in.wav " + dir + "replayed.wav --codec pcm --quiet --scenario " + dir +
+                  "scenario.txt");
+    EXPECT_EQ(0, std::system(("cmp -s " + dir + "out.wav " + dir + "replayed.wav").c_str()));
+    EXPECT_EQ(0, std::system(("rm -rf " + std::string(folder)).c_str()));
 }

@@ -7,7 +7,9 @@
 #include <sndfile.h>
 #include <speex/speex_resampler.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
@@ -242,12 +244,17 @@ std::vector<int16_t> readMono(const std::string& path, unsigned rate)
         speex_resampler_init(1, static_cast<spx_uint32_t>(info.samplerate), rate, 8, &error);
     if (!resampler)
         throw std::runtime_error("cannot resample from " + std::to_string(info.samplerate) + " Hz");
-    std::vector<int16_t> out(static_cast<std::size_t>(double(mono.size()) * rate / info.samplerate) + 1024);
+    // Without the filter's delay, and with its tail flushed by as many zeros:
+    // the resampled signal lines up with the original.
+    speex_resampler_skip_zeros(resampler);
+    mono.resize(mono.size() + static_cast<std::size_t>(speex_resampler_get_input_latency(resampler)), 0);
+    const std::size_t expected = static_cast<std::size_t>(double(read) * rate / info.samplerate);
+    std::vector<int16_t> out(expected + 1024);
     spx_uint32_t inLength = static_cast<spx_uint32_t>(mono.size());
     spx_uint32_t outLength = static_cast<spx_uint32_t>(out.size());
     speex_resampler_process_int(resampler, 0, mono.data(), &inLength, out.data(), &outLength);
     speex_resampler_destroy(resampler);
-    out.resize(outLength);
+    out.resize(std::min<std::size_t>(outLength, expected));
     return out;
 }
 
