@@ -1,7 +1,8 @@
 // The jitter buffer's cost per frame (one putFrame and one getFrame) and the
 // receiver's per datagram, against one bare opus_decode of a 20 ms frame at
-// 16 kHz, the work that follows each of them on a receiving path. Every
-// benchmark also reports its time as a ratio to that decode ("x_decode").
+// 16 kHz, the work that follows each of them on a receiving path. After the
+// usual table the program prints each benchmark's CPU time as a ratio to
+// that decode's, measured in the same run.
 #include "sonrajbuf.h"
 #include "sonrapacket.h"
 #include "sonrareceivernode.h"
@@ -9,21 +10,23 @@
 #include <benchmark/benchmark.h>
 #include <boost/make_shared.hpp>
 #include <opus.h>
+#include <unistd.h>
 
-#include <algorithm>
-#include <chrono>
 #include <cmath>
 #include <cstdint>
+#include <cstdio>
 #include <cstring>
+#include <string>
+#include <utility>
 #include <vector>
 
 using namespace ombrel;
 
 namespace {
 
-const unsigned SAMPLE_RATE = 16000;  // Hz
-const unsigned FRAME_DURATION = 20;  // ms
-const int FRAME_SAMPLES = 320;       // samples per channel in 20 ms
+const unsigned SAMPLE_RATE = 16000; // Hz
+const unsigned FRAME_DURATION = 20; // ms
+const int FRAME_SAMPLES = 320;      // samples per channel in 20 ms
 const unsigned PACKETS = 50;
 
 // One second of a voice-like signal (a few harmonics with a slow vibrato),
@@ -56,41 +59,6 @@ const std::vector<std::vector<unsigned char> >& opusPackets()
     return packets;
 }
 
-// ns of one bare opus_decode, the median of several timed runs.
-double bareDecodeNanos()
-{
-    static const double nanos = [] {
-        int error = 0;
-        OpusDecoder* decoder = opus_decoder_create(SAMPLE_RATE, 1, &error);
-        std::vector<int16_t> pcm(FRAME_SAMPLES);
-        std::vector<double> runs;
-        for (int run = 0; run < 7; ++run) {
-            const auto start = std::chrono::steady_clock::now();
-            for (unsigned i = 0; i < 10 * PACKETS; ++i) {
-                const auto& packet = opusPackets()[i % PACKETS];
-                benchmark::DoNotOptimize(
-                    opus_decode(decoder, packet.data(), int(packet.size()), pcm.data(), FRAME_SAMPLES, 0));
-            }
-            runs.push_back(std::chrono::duration<double, std::nano>(std::chrono::steady_clock::now() - start).count() /
-                           (10 * PACKETS));
-        }
-        opus_decoder_destroy(decoder);
-        std::sort(runs.begin(), runs.end());
-        return runs[runs.size() / 2];
-    }();
-    return nanos;
-}
-
-typedef std::chrono::steady_clock::time_point TimePoint;
-
-void reportRatio(benchmark::State& state, TimePoint start)
-{
-    const double perIteration =
-        std::chrono::duration<double, std::nano>(std::chrono::steady_clock::now() - start).count() /
-        double(state.iterations());
-    state.counters["x_decode"] = perIteration / bareDecodeNanos();
-}
-
 std::vector<boost::shared_ptr<std::vector<char> > > payloads()
 {
     std::vector<boost::shared_ptr<std::vector<char> > > frames;
@@ -101,17 +69,14 @@ std::vector<boost::shared_ptr<std::vector<char> > > payloads()
 
 void BM_BareOpusDecode(benchmark::State& state)
 {
-    bareDecodeNanos();
     int error = 0;
     OpusDecoder* decoder = opus_decoder_create(SAMPLE_RATE, 1, &error);
     std::vector<int16_t> pcm(FRAME_SAMPLES);
     unsigned i = 0;
-    const TimePoint start = std::chrono::steady_clock::now();
     for (auto _ : state) {
         const auto& packet = opusPackets()[i++ % PACKETS];
         benchmark::DoNotOptimize(opus_decode(decoder, packet.data(), int(packet.size()), pcm.data(), FRAME_SAMPLES, 0));
     }
-    reportRatio(state, start);
     opus_decoder_destroy(decoder);
 }
 BENCHMARK(BM_BareOpusDecode);
@@ -119,20 +84,17 @@ BENCHMARK(BM_BareOpusDecode);
 // A steady stream: the clock moves one frame per put and get, as in a call.
 void runJbuf(benchmark::State& state, SonraJbuf& jbuf)
 {
-    bareDecodeNanos();
     const auto frames = payloads();
     unsigned now = 0; // ms
     jbuf.setTimeHandler([&now]() { return now; });
     boost::shared_ptr<std::vector<char> > out;
     unsigned seqNum = 1;
-    const TimePoint start = std::chrono::steady_clock::now();
     for (auto _ : state) {
         jbuf.putFrame(frames[seqNum % PACKETS], seqNum, seqNum * FRAME_DURATION);
         ++seqNum;
         benchmark::DoNotOptimize(jbuf.getFrame(out, nullptr, nullptr));
         now += FRAME_DURATION;
     }
-    reportRatio(state, start);
     jbuf.setTimeHandler(boost::function<unsigned ()>());
 }
 
@@ -155,23 +117,68 @@ BENCHMARK(BM_JbufFiveQueues);
 // copy, put) and one graph frame out.
 void BM_ReceiverNode(benchmark::State& state)
 {
-    bareDecodeNanos();
     SonraReceiverNode receiver(boost::make_shared<boost::asio::io_service>(), FRAME_DURATION, SAMPLE_RATE);
     std::vector<boost::shared_ptr<std::vector<char> > > datagrams = payloads();
     for (auto& datagram : datagrams)
         SonraPacket(datagram, 0, 0);
     unsigned seqNum = 1;
-    const TimePoint start = std::chrono::steady_clock::now();
     for (auto _ : state) {
-        // Renumbering in place costs two stores; the datagrams stay warm.
+        // Renumbering in place costs one store; the datagrams stay warm.
         const auto& datagram = datagrams[seqNum % PACKETS];
         std::memcpy(datagram->data() + 4, &seqNum, 4);
         ++seqNum;
         receiver.dataReceived(datagram);
         benchmark::DoNotOptimize(receiver.doProcess());
     }
-    reportRatio(state, start);
 }
 BENCHMARK(BM_ReceiverNode);
 
+const char* const REFERENCE = "BM_BareOpusDecode";
+
+// The console table, then every benchmark's CPU time per iteration as a
+// ratio to the bare decode's (the median when repetitions are asked for).
+class RatioReporter : public benchmark::ConsoleReporter {
+public:
+    RatioReporter() : ConsoleReporter(isatty(fileno(stdout)) ? OO_ColorTabular : OO_Tabular) {}
+
+    void ReportRuns(const std::vector<Run>& runs) override
+    {
+        ConsoleReporter::ReportRuns(runs);
+        for (const Run& run : runs) {
+            const bool single = run.run_type == Run::RT_Iteration && run.repetitions <= 1;
+            const bool median = run.run_type == Run::RT_Aggregate && run.aggregate_name == "median";
+            if (single || median)
+                m_cpuTimes.push_back(std::make_pair(run.run_name.function_name, run.GetAdjustedCPUTime()));
+        }
+    }
+    void Finalize() override
+    {
+        ConsoleReporter::Finalize();
+        double reference = 0;
+        for (const auto& time : m_cpuTimes) {
+            if (time.first == REFERENCE)
+                reference = time.second;
+        }
+        if (reference <= 0)
+            return;
+        std::printf("\nCPU time as a ratio to one bare opus_decode of 20 ms at 16 kHz:\n");
+        for (const auto& time : m_cpuTimes)
+            std::printf("  %-22s %8.4f\n", time.first.c_str(), time.second / reference);
+    }
+
+private:
+    std::vector<std::pair<std::string, double> > m_cpuTimes;
+};
+
 } // namespace
+
+int main(int argc, char** argv)
+{
+    benchmark::Initialize(&argc, argv);
+    if (benchmark::ReportUnrecognizedArguments(argc, argv))
+        return 1;
+    RatioReporter reporter;
+    benchmark::RunSpecifiedBenchmarks(&reporter);
+    benchmark::Shutdown();
+    return 0;
+}
