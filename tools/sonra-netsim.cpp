@@ -32,7 +32,8 @@ const char* const USAGE =
     "\n"
     "path:\n"
     "  --rate HZ              sample rate of the path: 8000, 12000, 16000, 24000, 48000 (16000)\n"
-    "  --frame MS             graph frame and packet duration, ms: 10, 20, 60 (20)\n"
+    "  --frame MS             graph frame and packet duration, ms: 5, 10, 20, 60 (20);\n"
+    "                         with pcm, any duration that divides 60\n"
     "  --codec opus|pcm       pcm sends the samples themselves, to judge network and buffer alone (opus)\n"
     "  --delays I,MIN,MAX,X   jitter buffer delays, ms: initial, minimum, maximum, extra jitter\n"
     "                         (60,60,60,300); multiples of the frame duration\n"
@@ -71,9 +72,11 @@ double number(const std::string& option, const std::string& text, double low, do
     } catch (const std::exception&) {
         used = 0;
     }
-    if (used == 0 || used != text.size() || !(value >= low && value <= high))
-        throw UsageError(option + ": expected a number from " + std::to_string(low) + " to " +
-                         std::to_string(high) + ", got \"" + text + "\"");
+    if (used == 0 || used != text.size() || !(value >= low && value <= high)) {
+        char range[64];
+        std::snprintf(range, sizeof range, "%g to %g", low, high);
+        throw UsageError(option + ": expected a number from " + range + ", got \"" + text + "\"");
+    }
     return value;
 }
 
@@ -193,6 +196,12 @@ Options parse(int argc, char** argv)
     // The jitter buffer's own preconditions, checked here so that a bad
     // command line is a message, not an assertion.
     const unsigned frame = config.frameDuration;
+    // The receiver starts with delays of 60 and 300 ms at one packet per
+    // frame, so its frame duration must divide 60 ms whatever --delays says.
+    if (60 % frame != 0)
+        throw UsageError("--frame: the receiver needs a frame duration that divides 60 ms");
+    if (config.codec == sonranetsim::Codec::Opus && frame != 5 && frame != 10 && frame != 20 && frame != 60)
+        throw UsageError("--frame: with Opus, 5, 10, 20 or 60 ms");
     const unsigned* delays = config.delays;
     unsigned raised[4] = {std::max(delays[0], frame), std::max(delays[1], frame), std::max(delays[2], frame),
                           delays[3]};
@@ -203,9 +212,6 @@ Options parse(int argc, char** argv)
             throw UsageError("--delays: every delay must be a multiple of the frame duration (" +
                              std::to_string(frame) + " ms)");
     }
-    if (!config.setDelays && (60 % frame != 0 || 300 % frame != 0))
-        throw UsageError("--frame: the default delays (60 and 300 ms) need a frame duration that divides "
-                         "them; give --delays too");
 
     if (!scenarioFile.empty()) {
         std::ifstream in(scenarioFile);
