@@ -14,14 +14,25 @@ const uint8_t ULAW_NEGATIVE_MASK = 0x7F;
 const int ULAW_BIAS = 33;            // added to the 14-bit magnitude so segments double cleanly
 const int ULAW_MAX_BIASED = 0x1FFF;  // top of segment 7; louder samples clip to the top code
 
-// Segment (0..7) of a biased or plain magnitude whose segment 0 ends below
-// `firstSegmentEnd` (a power of two) and doubles from there on.
-int segmentOf(int magnitude, int firstSegmentEnd)
+// Number of significant bits of a positive value.
+int bitLength(unsigned value)
 {
-    int segment = 0;
-    while (segment < 7 && magnitude >= (firstSegmentEnd << segment))
-        ++segment;
-    return segment;
+#if defined(__GNUC__)
+    return value ? 32 - __builtin_clz(value) : 0;
+#else
+    int bits = 0;
+    for (; value; value >>= 1)
+        ++bits;
+    return bits;
+#endif
+}
+
+// Segment (0..7) of a magnitude whose segment 0 holds `firstSegmentBits`
+// bits and each further segment one bit more; the segment is found from the
+// magnitude's bit length without a search, as encoding runs per sample.
+int segmentOf(int magnitude, int firstSegmentBits)
+{
+    return std::max(0, bitLength(static_cast<unsigned>(magnitude)) - firstSegmentBits);
 }
 
 constexpr int16_t decodeAlaw(uint8_t code)
@@ -65,7 +76,7 @@ uint8_t linear2alaw(int16_t sample)
     const bool negative = sample < 0;
     const int magnitude = (negative ? ~sample : sample) >> 3;
     const uint8_t mask = negative ? ALAW_NEGATIVE_MASK : ALAW_POSITIVE_MASK;
-    const int segment = segmentOf(magnitude, 32);
+    const int segment = segmentOf(magnitude, 5);
     const int mantissa = (magnitude >> (segment < 2 ? 1 : segment)) & 0x0F;
     return static_cast<uint8_t>(((segment << 4) | mantissa) ^ mask);
 }
@@ -78,7 +89,7 @@ uint8_t linear2ulaw(int16_t sample)
     int magnitude = negative ? (3 - sample) >> 2 : sample >> 2;
     const uint8_t mask = negative ? ULAW_NEGATIVE_MASK : ULAW_POSITIVE_MASK;
     magnitude = std::min(magnitude + ULAW_BIAS, ULAW_MAX_BIASED);
-    const int segment = segmentOf(magnitude, 64);
+    const int segment = segmentOf(magnitude, 6);
     const int mantissa = (magnitude >> (segment + 1)) & 0x0F;
     return static_cast<uint8_t>(((segment << 4) | mantissa) ^ mask);
 }

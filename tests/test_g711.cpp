@@ -1,4 +1,4 @@
-// ctest-labels: unit;threads
+// ctest-labels: threads
 // G.711 conversions against Python's audioop and sox, and the G.711 encoder
 // and decoder nodes.
 #include "codecutil.h"

@@ -8,6 +8,8 @@
 
 #include <opus.h>
 
+#include <algorithm>
+#include <cstdio>
 #include <tuple>
 
 using namespace ombrel;
@@ -156,7 +158,6 @@ TEST_F(OpusEncoderNode, NoInputOrEmptyInputGivesNothingAndLeavesTheStreamAlone)
 
 TEST_F(OpusEncoderNode, ResetRestartsTheStream)
 {
-    std::vector<unsigned char> firstPackets;
     for (unsigned k = 0; k < 5; ++k)
         encoder.run(frameOf(frame(k)));
     encoder.pipe->reset(0);

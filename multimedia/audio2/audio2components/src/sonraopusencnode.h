@@ -19,7 +19,7 @@ public:
     // Restarts the stream: the next packet is encoded as a first packet.
     void reset(unsigned offset) override;
     // Empty when there is no input, no whole frame in it, or libopus refuses
-    // the frame (a frame duration other than 2.5, 5, 10, 20, 40 or 60 ms).
+    // the frame duration (30 ms, for one; 2.5, 5, 10, 20, 40 and 60 ms work).
     boost::shared_ptr<std::vector<char> > doProcess() override;
 
 private:
