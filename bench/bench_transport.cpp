@@ -1,0 +1,184 @@
+// The jitter buffer's cost per frame (one putFrame and one getFrame) and the
+// receiver's per datagram, against one bare opus_decode of a 20 ms frame at
+// 16 kHz, the work that follows each of them on a receiving path. After the
+// usual table the program prints each benchmark's CPU time as a ratio to
+// that decode's, measured in the same run.
+#include "sonrajbuf.h"
+#include "sonrapacket.h"
+#include "sonrareceivernode.h"
+
+#include <benchmark/benchmark.h>
+#include <boost/make_shared.hpp>
+#include <opus.h>
+#include <unistd.h>
+
+#include <cmath>
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <string>
+#include <utility>
+#include <vector>
+
+using namespace ombrel;
+
+namespace {
+
+const unsigned SAMPLE_RATE = 16000; // Hz
+const unsigned FRAME_DURATION = 20; // ms
+const int FRAME_SAMPLES = 320;      // samples per channel in 20 ms
+const unsigned PACKETS = 50;
+
+// One second of a voice-like signal (a few harmonics with a slow vibrato),
+// encoded as 50 Opus packets by libopus's VoIP defaults.
+const std::vector<std::vector<unsigned char> >& opusPackets()
+{
+    static const std::vector<std::vector<unsigned char> > packets = [] {
+        int error = 0;
+        OpusEncoder* encoder = opus_encoder_create(SAMPLE_RATE, 1, OPUS_APPLICATION_VOIP, &error);
+        std::vector<std::vector<unsigned char> > encoded;
+        std::vector<int16_t> pcm(FRAME_SAMPLES);
+        double phase = 0;
+        for (unsigned p = 0; p < PACKETS; ++p) {
+            for (int i = 0; i < FRAME_SAMPLES; ++i) {
+                const double t = double(p * FRAME_SAMPLES + i) / SAMPLE_RATE;
+                phase += 2 * M_PI * (140 + 20 * std::sin(2 * M_PI * 3 * t)) / SAMPLE_RATE;
+                double value = 0;
+                for (int h = 1; h <= 6; ++h)
+                    value += std::sin(h * phase) / h;
+                pcm[i] = static_cast<int16_t>(6000 * value);
+            }
+            std::vector<unsigned char> packet(1500);
+            const int size = opus_encode(encoder, pcm.data(), FRAME_SAMPLES, packet.data(), int(packet.size()));
+            packet.resize(size > 0 ? size : 0);
+            encoded.push_back(packet);
+        }
+        opus_encoder_destroy(encoder);
+        return encoded;
+    }();
+    return packets;
+}
+
+std::vector<boost::shared_ptr<std::vector<char> > > payloads()
+{
+    std::vector<boost::shared_ptr<std::vector<char> > > frames;
+    for (const auto& packet : opusPackets())
+        frames.push_back(boost::make_shared<std::vector<char> >(packet.begin(), packet.end()));
+    return frames;
+}
+
+void BM_BareOpusDecode(benchmark::State& state)
+{
+    int error = 0;
+    OpusDecoder* decoder = opus_decoder_create(SAMPLE_RATE, 1, &error);
+    std::vector<int16_t> pcm(FRAME_SAMPLES);
+    unsigned i = 0;
+    for (auto _ : state) {
+        const auto& packet = opusPackets()[i++ % PACKETS];
+        benchmark::DoNotOptimize(opus_decode(decoder, packet.data(), int(packet.size()), pcm.data(), FRAME_SAMPLES, 0));
+    }
+    opus_decoder_destroy(decoder);
+}
+BENCHMARK(BM_BareOpusDecode);
+
+// A steady stream: the clock moves one frame per put and get, as in a call.
+void runJbuf(benchmark::State& state, SonraJbuf& jbuf)
+{
+    const auto frames = payloads();
+    unsigned now = 0; // ms
+    jbuf.setTimeHandler([&now]() { return now; });
+    boost::shared_ptr<std::vector<char> > out;
+    unsigned seqNum = 1;
+    for (auto _ : state) {
+        jbuf.putFrame(frames[seqNum % PACKETS], seqNum, seqNum * FRAME_DURATION);
+        ++seqNum;
+        benchmark::DoNotOptimize(jbuf.getFrame(out, nullptr, nullptr));
+        now += FRAME_DURATION;
+    }
+    jbuf.setTimeHandler(boost::function<unsigned ()>());
+}
+
+void BM_JbufOneQueue(benchmark::State& state)
+{
+    SonraJbuf jbuf(FRAME_DURATION);
+    runJbuf(state, jbuf);
+}
+BENCHMARK(BM_JbufOneQueue);
+
+void BM_JbufFiveQueues(benchmark::State& state)
+{
+    SonraJbuf jbuf(FRAME_DURATION);
+    jbuf.setDelays(40, 20, 100, 60);
+    runJbuf(state, jbuf);
+}
+BENCHMARK(BM_JbufFiveQueues);
+
+// The whole receiving node: a datagram in (length check, parse, payload
+// copy, put) and one graph frame out.
+void BM_ReceiverNode(benchmark::State& state)
+{
+    SonraReceiverNode receiver(boost::make_shared<boost::asio::io_service>(), FRAME_DURATION, SAMPLE_RATE);
+    std::vector<boost::shared_ptr<std::vector<char> > > datagrams = payloads();
+    for (auto& datagram : datagrams)
+        SonraPacket(datagram, 0, 0);
+    unsigned seqNum = 1;
+    for (auto _ : state) {
+        // Renumbering in place costs one store; the datagrams stay warm.
+        const auto& datagram = datagrams[seqNum % PACKETS];
+        std::memcpy(datagram->data() + 4, &seqNum, 4);
+        ++seqNum;
+        receiver.dataReceived(datagram);
+        benchmark::DoNotOptimize(receiver.doProcess());
+    }
+}
+BENCHMARK(BM_ReceiverNode);
+
+const char* const REFERENCE = "BM_BareOpusDecode";
+
+// The console table, then every benchmark's CPU time per iteration as a
+// ratio to the bare decode's (the median when repetitions are asked for).
+class RatioReporter : public benchmark::ConsoleReporter {
+public:
+    RatioReporter() : ConsoleReporter(isatty(fileno(stdout)) ? OO_ColorTabular : OO_Tabular) {}
+
+    void ReportRuns(const std::vector<Run>& runs) override
+    {
+        ConsoleReporter::ReportRuns(runs);
+        for (const Run& run : runs) {
+            const bool single = run.run_type == Run::RT_Iteration && run.repetitions <= 1;
+            const bool median = run.run_type == Run::RT_Aggregate && run.aggregate_name == "median";
+            if (single || median)
+                m_cpuTimes.push_back(std::make_pair(run.run_name.function_name, run.GetAdjustedCPUTime()));
+        }
+    }
+    void Finalize() override
+    {
+        ConsoleReporter::Finalize();
+        double reference = 0;
+        for (const auto& time : m_cpuTimes) {
+            if (time.first == REFERENCE)
+                reference = time.second;
+        }
+        if (reference <= 0)
+            return;
+        std::printf("\nCPU time as a ratio to one bare opus_decode of 20 ms at 16 kHz:\n");
+        for (const auto& time : m_cpuTimes)
+            std::printf("  %-22s %8.4f\n", time.first.c_str(), time.second / reference);
+    }
+
+private:
+    std::vector<std::pair<std::string, double> > m_cpuTimes;
+};
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    benchmark::Initialize(&argc, argv);
+    if (benchmark::ReportUnrecognizedArguments(argc, argv))
+        return 1;
+    RatioReporter reporter;
+    benchmark::RunSpecifiedBenchmarks(&reporter);
+    benchmark::Shutdown();
+    return 0;
+}

@@ -1,0 +1,338 @@
+#include "sonrajbuf.h"
+
+#include "shared.h"
+
+#include <boost/make_shared.hpp>
+
+#include <map>
+
+namespace ombrel {
+
+// One received frame, shared by every queue of a SonraJbuf; no queue changes it.
+struct SonraJbufFrame_p {
+    unsigned m_seqNum;
+    unsigned m_timeStamp; // ms, carried through unchanged
+    boost::shared_ptr<std::vector<char> > m_data;
+    unsigned m_bufTime;   // ms, the owner's clock when the frame was put
+};
+
+struct SonraJbuf_p {
+    unsigned m_frameDuration;     // ms, one frame per playout period
+    unsigned m_initialDelay;      // ms, depth of the played queue
+    unsigned m_minDelay;          // ms
+    unsigned m_maxDelay;          // ms
+    unsigned m_initialBufDepth;   // frames
+    unsigned m_maxBufDepth;       // frames
+    unsigned m_minBufDepth;       // frames
+    unsigned m_extraJitterDelay;  // ms a queue may hold beyond its depth
+    unsigned m_extraJitterFrames; // frames
+    std::map<unsigned, boost::shared_ptr<SonraJbufSimple> > m_queues; // by depth in frames
+    boost::function<unsigned ()> m_timeHandler; // the clock, ms
+};
+
+namespace {
+
+const char* const LOG_CATEGORY = "audio2jbuf";
+
+// Length (ms) of the period over which a queue watches residence times
+// before it may cut its delay.
+const unsigned OBSERVATION_PERIOD = 3000;
+
+} // namespace
+
+// ---------------------------------------------------------------- SonraJbufSimple
+
+SonraJbufSimple::SonraJbufSimple(SonraJbuf_p* owner, unsigned bufDelayFrames, unsigned maxDelayFrames,
+                                 unsigned bufSize, SonraJbuf* jbuf)
+    : m_owner(owner),
+      m_bufDelayFrames(bufDelayFrames),
+      m_maxDelayFrames(maxDelayFrames),
+      m_bufSize(bufSize),
+      m_headIndex(0),
+      m_headSeqNum(0),
+      m_framesCount(0),
+      m_minSeqNum(0),
+      m_frames(bufSize),
+      m_dynCounter(0),
+      m_dynMinBufTime(0),
+      m_dynReferenceBufDepth(bufDelayFrames),
+      m_jbufPtr(jbuf)
+{
+    SONRA_ASSERT(bufSize>=m_maxDelayFrames);
+}
+
+SonraJbufSimple::~SonraJbufSimple() = default;
+
+// One step of the playout head; returns what the head's slot held.
+boost::shared_ptr<SonraJbufFrame_p> SonraJbufSimple::advanceHead()
+{
+    if (m_framesCount != 0)
+        ++m_headSeqNum;
+    boost::shared_ptr<SonraJbufFrame_p> taken;
+    taken.swap(m_frames[m_headIndex]);
+    if (taken && m_framesCount != 0)
+        --m_framesCount;
+    m_headIndex = (m_headIndex + 1) % m_bufSize;
+    if (m_headSeqNum > m_minSeqNum)
+        m_minSeqNum = m_headSeqNum;
+    return taken;
+}
+
+// `steps` single steps, dropping what the slots hold. Once a whole ring
+// has been passed every slot is empty and m_framesCount no longer changes,
+// so the remaining steps are taken at once: a far-ahead sequence number
+// costs one turn of the ring, not one step per number. The head cannot
+// wrap: it stays below the sequence number that asked for the steps.
+void SonraJbufSimple::advanceHead(unsigned steps)
+{
+    const unsigned stepped = steps < m_bufSize ? steps : m_bufSize;
+    for (unsigned i = 0; i < stepped; ++i) {
+        if (advanceHead())
+            ++m_statistics.framesDropped;
+    }
+    const unsigned remaining = steps - stepped;
+    if (remaining == 0)
+        return;
+    if (m_framesCount != 0)
+        m_headSeqNum += remaining;
+    m_headIndex = static_cast<unsigned>((static_cast<uint64_t>(m_headIndex) + remaining) % m_bufSize);
+    if (m_headSeqNum > m_minSeqNum)
+        m_minSeqNum = m_headSeqNum;
+}
+
+void SonraJbufSimple::putFrame(boost::shared_ptr<SonraJbufFrame_p> frame)
+{
+    ombrel::debug(LOG_CATEGORY, 0, false) << "Jbuf " << m_jbufPtr->currentTime() << " put frame ";
+    ++m_statistics.framesPut;
+    const unsigned seqNum = frame->m_seqNum;
+    if (seqNum < m_minSeqNum) {
+        ++m_statistics.framesTooOld;
+    } else {
+        unsigned offset = 0; // slots ahead of the head
+        if (m_framesCount == 0) {
+            m_headSeqNum = static_cast<int32_t>(seqNum) < 0 ? 0 : seqNum;
+        } else {
+            offset = seqNum - m_headSeqNum;
+            if (offset > m_maxDelayFrames) {
+                advanceHead(offset - m_maxDelayFrames);
+                offset = m_maxDelayFrames;
+            }
+        }
+        if (m_headSeqNum == 0) {
+            ++m_statistics.framesUnnumbered;
+        } else {
+            const unsigned index = static_cast<unsigned>((static_cast<uint64_t>(m_headIndex) + offset) % m_bufSize);
+            if (m_frames[index])
+                ++m_statistics.duplicates;
+            m_frames[index] = frame;
+            ++m_framesCount;
+            if (index == m_headIndex)
+                m_headSeqNum = seqNum;
+        }
+    }
+    if (m_headSeqNum > m_minSeqNum)
+        m_minSeqNum = m_headSeqNum;
+}
+
+// The time `frame` spent in the queue. A clock that reads less than the
+// frame's stamp was replaced by a younger one while the frame waited (its
+// owner moved to another pipe): the wait is unknown and counts as 0 ms,
+// which restarts the observation period instead of stopping the client.
+unsigned SonraJbufSimple::residenceTime(const SonraJbufFrame_p& frame) const
+{
+    const unsigned now = m_jbufPtr->currentTime();
+    return now >= frame.m_bufTime ? now - frame.m_bufTime : 0;
+}
+
+void SonraJbufSimple::notePlayed(const SonraJbufFrame_p& frame)
+{
+    ++m_statistics.framesPlayed;
+    m_statistics.lastResidenceTime = residenceTime(frame);
+    m_statistics.lastSeqNum = frame.m_seqNum;
+    m_statistics.lastTimeStamp = frame.m_timeStamp;
+}
+
+boost::shared_ptr<SonraJbufFrame_p> SonraJbufSimple::getFrame()
+{
+    const unsigned frameDuration = m_owner->m_frameDuration; // ms
+    ombrel::debug(LOG_CATEGORY, 0, false) << "Jbuf " << m_jbufPtr->currentTime() << " get frame ";
+
+    if (m_framesCount != 0 && m_dynReferenceBufDepth < m_framesCount - 1) {
+        m_dynReferenceBufDepth = m_framesCount - 1;
+        m_dynCounter = 0;
+        ombrel::debug(LOG_CATEGORY, 0, false) << "JBuf new m_dynReferenceBufDepth=" << m_dynReferenceBufDepth;
+    }
+
+    boost::shared_ptr<SonraJbufFrame_p> framePtr = advanceHead();
+    if (!framePtr) {
+        ++m_statistics.underruns;
+        return framePtr;
+    }
+
+    const unsigned bufTime = residenceTime(*framePtr); // ms
+    ++m_dynCounter;
+    if (m_dynMinBufTime == 0 || bufTime < m_dynMinBufTime) {
+        m_dynMinBufTime = bufTime;
+        m_dynCounter = 0;
+        ombrel::debug(LOG_CATEGORY, 0, false) << "New minBufTime=" << m_dynMinBufTime;
+    }
+
+    const unsigned dynBufDelay = frameDuration * m_dynReferenceBufDepth; // ms
+    const unsigned dynCountPeriod = OBSERVATION_PERIOD / frameDuration;  // frames
+    ombrel::debug(LOG_CATEGORY, 0, false)
+        << "JBuf m_dynMinBufTime=" << m_dynMinBufTime << ", m_dynReferenceBufDepth=" << m_dynReferenceBufDepth
+        << ", m_framesCount=" << m_framesCount << ", m_bufDelayFrames=" << m_bufDelayFrames
+        << ", m_dynCounter=" << m_dynCounter << ", dynCountPeriod=" << dynCountPeriod
+        << ", dynBufDelay=" << dynBufDelay;
+
+    if (m_dynCounter < dynCountPeriod) {
+        notePlayed(*framePtr);
+        return framePtr;
+    }
+
+    // "At least D frames still queued", written so that it cannot wrap.
+    if (m_framesCount + 1 > m_bufDelayFrames && m_dynMinBufTime >= dynBufDelay) {
+        ombrel::debug(LOG_CATEGORY, 0, false) << "JBuf decrease buffer depth";
+        ++m_statistics.depthDecreases;
+        boost::shared_ptr<SonraJbufFrame_p> next = advanceHead();
+        if (next) {
+            ++m_statistics.framesDropped;
+            framePtr = next;
+        }
+        ombrel::debug(LOG_CATEGORY, 0, false)
+            << "JBuf after decrease m_dynMinBufTime=" << m_dynMinBufTime
+            << ", m_dynReferenceBufDepth=" << m_dynReferenceBufDepth << ", m_framesCount=" << m_framesCount
+            << ", m_bufDelayFrames=" << m_bufDelayFrames << ", dynBufDelay=" << dynBufDelay;
+    }
+    m_dynMinBufTime = 0;
+    m_dynReferenceBufDepth = m_bufDelayFrames;
+    m_dynCounter = 0;
+    notePlayed(*framePtr);
+    return framePtr;
+}
+
+SonraJbufStatistics SonraJbufSimple::statistics() const
+{
+    SonraJbufStatistics statistics = m_statistics;
+    statistics.queuedFrames = m_framesCount;
+    return statistics;
+}
+
+// ---------------------------------------------------------------- SonraJbuf
+
+SonraJbuf::SonraJbuf(unsigned int frameDuration) : d(new SonraJbuf_p)
+{
+    SONRA_ASSERT(frameDuration>0);
+    d->m_frameDuration = frameDuration;
+    d->m_initialDelay = 60;
+    d->m_minDelay = 60;
+    d->m_maxDelay = 60;
+    d->m_initialBufDepth = 0;
+    d->m_maxBufDepth = 0;
+    d->m_minBufDepth = 0;
+    d->m_extraJitterDelay = 300;
+    d->m_extraJitterFrames = 0;
+    reset();
+}
+
+SonraJbuf::~SonraJbuf() = default;
+
+void SonraJbuf::setFrameDuration(unsigned int frameDuration)
+{
+    // A zero period would divide by zero below instead of failing clearly.
+    SONRA_ASSERT(frameDuration>0);
+    d->m_frameDuration = frameDuration;
+    reset();
+}
+
+void SonraJbuf::setDelays(unsigned int initialDelay, unsigned int minDelay, unsigned int maxDelay,
+                          unsigned int extraJitterDelay)
+{
+    d->m_initialDelay = initialDelay;
+    d->m_minDelay = minDelay;
+    d->m_maxDelay = maxDelay;
+    d->m_extraJitterDelay = extraJitterDelay;
+    if (d->m_minDelay < d->m_frameDuration)
+        d->m_minDelay = d->m_frameDuration;
+    if (d->m_maxDelay < d->m_frameDuration)
+        d->m_maxDelay = d->m_frameDuration;
+    if (d->m_initialDelay < d->m_frameDuration)
+        d->m_initialDelay = d->m_frameDuration;
+    reset();
+}
+
+void SonraJbuf::setDelayRecalcPeriods(unsigned int, unsigned int)
+{
+    reset();
+}
+
+void SonraJbuf::setTimeHandler(boost::function<unsigned int ()> handler)
+{
+    d->m_timeHandler = handler;
+}
+
+unsigned int SonraJbuf::currentTime() const
+{
+    return d->m_timeHandler ? d->m_timeHandler() : 0;
+}
+
+void SonraJbuf::reset()
+{
+    SONRA_ASSERT(d->m_maxDelay>=d->m_initialDelay);
+    SONRA_ASSERT(d->m_initialDelay>=d->m_minDelay);
+    SONRA_ASSERT((d->m_initialDelay%d->m_frameDuration)==0);
+    SONRA_ASSERT((d->m_minDelay%d->m_frameDuration)==0);
+    SONRA_ASSERT((d->m_maxDelay%d->m_frameDuration)==0);
+    SONRA_ASSERT((d->m_extraJitterDelay%d->m_frameDuration)==0);
+
+    d->m_maxBufDepth = d->m_maxDelay / d->m_frameDuration;
+    d->m_minBufDepth = d->m_minDelay / d->m_frameDuration;
+    d->m_initialBufDepth = d->m_initialDelay / d->m_frameDuration;
+    d->m_extraJitterFrames = d->m_extraJitterDelay / d->m_frameDuration;
+
+    d->m_queues.clear();
+    const unsigned bufSize = 2 * d->m_maxBufDepth + d->m_extraJitterFrames; // slots
+    for (unsigned depth = d->m_minBufDepth; depth <= d->m_maxBufDepth; ++depth) {
+        d->m_queues[depth] = boost::make_shared<SonraJbufSimple>(d.get(), depth, depth + d->m_extraJitterFrames,
+                                                                 bufSize, this);
+        if (depth == d->m_maxBufDepth)
+            break; // a maximum of UINT_MAX frames must not wrap the loop
+    }
+}
+
+void SonraJbuf::putFrame(boost::shared_ptr<std::vector<char> > frame, unsigned int seqNum, unsigned int timeStamp)
+{
+    boost::shared_ptr<SonraJbufFrame_p> record = boost::make_shared<SonraJbufFrame_p>();
+    record->m_seqNum = seqNum;
+    record->m_timeStamp = timeStamp;
+    record->m_data = frame;
+    record->m_bufTime = currentTime();
+    for (const auto& queue : d->m_queues)
+        queue.second->putFrame(record);
+}
+
+unsigned int SonraJbuf::getFrame(boost::shared_ptr<std::vector<char> >& frame, unsigned int* seqNum,
+                                 unsigned int* timeStamp)
+{
+    unsigned int result = 1;
+    for (const auto& queue : d->m_queues) {
+        const boost::shared_ptr<SonraJbufFrame_p> taken = queue.second->getFrame();
+        if (queue.first != d->m_initialBufDepth || !taken)
+            continue;
+        result = 0;
+        frame = taken->m_data;
+        if (seqNum)
+            *seqNum = taken->m_seqNum;
+        if (timeStamp)
+            *timeStamp = taken->m_timeStamp;
+    }
+    return result;
+}
+
+SonraJbufStatistics SonraJbuf::statistics() const
+{
+    const auto played = d->m_queues.find(d->m_initialBufDepth);
+    return played == d->m_queues.end() ? SonraJbufStatistics() : played->second->statistics();
+}
+
+} // namespace ombrel
