@@ -286,12 +286,20 @@ TEST(Reverb, ExtremeDecaysSaturateInsteadOfOverflowing)
     std::vector<int16_t> in(80, 0);
     in[0] = 1;
     in[1] = -1;
-    for (float decay : {1e30f, -1e30f, INFINITY}) {
+    in[2] = -32768;
+    in[3] = 32767;
+    in[10] = -32768; // dry under the echo of -32768
+    in[11] = 32767;
+    for (float decay : {65535.0f, 1e30f, -1e30f, INFINITY, -INFINITY}) {
         node->setParameters(1, decay);
         const std::vector<int16_t> out = samplesOf(rig.step(in));
-        EXPECT_EQ(decay > 0 ? 32767 : -32768, out[8]) << decay;
-        EXPECT_EQ(decay > 0 ? -32768 : 32767, out[9]) << decay;
+        const int16_t up = decay > 0 ? 32767 : -32768;
+        const int16_t down = decay > 0 ? -32768 : 32767;
+        EXPECT_EQ((std::vector<int16_t>{up, down, down, up}), slice(out, 8, 4)) << decay;
+        EXPECT_EQ(0, out[20]) << decay; // a silent echo source stays silent
     }
+    node->setParameters(1, NAN);
+    EXPECT_EQ(in, samplesOf(rig.step(in))); // no echo
 }
 
 TEST(Reverb, ZeroDelayGivesANewFrameWithTheSameBytes)

@@ -16,6 +16,29 @@ struct SonraMonoToStereoNode_p {
     int32_t m_delayMs = SonraMonoToStereoNode::DEFAULT_DELAY; // delay as last set, ms
 };
 
+namespace {
+
+// Samples per block of the interleaving loop: a fixed count lets the
+// compiler turn the block into whole vectors.
+const std::size_t INTERLEAVE_BLOCK = 16;
+
+void interleave(const int16_t* __restrict left, const int16_t* __restrict right, int16_t* __restrict stereo,
+                std::size_t count)
+{
+    std::size_t k = 0;
+    for (; k + INTERLEAVE_BLOCK <= count; k += INTERLEAVE_BLOCK)
+        for (std::size_t j = 0; j < INTERLEAVE_BLOCK; ++j) {
+            stereo[2 * (k + j)] = left[k + j];
+            stereo[2 * (k + j) + 1] = right[k + j];
+        }
+    for (; k < count; ++k) {
+        stereo[2 * k] = left[k];
+        stereo[2 * k + 1] = right[k];
+    }
+}
+
+} // namespace
+
 SonraMonoToStereoNode::SonraMonoToStereoNode(boost::shared_ptr<boost::asio::io_service> ioService,
                                              unsigned frameDuration, unsigned sampleRate)
     : SonraNode(ioService, frameDuration, sampleRate), d(new SonraMonoToStereoNode_p)
@@ -56,19 +79,14 @@ boost::shared_ptr<std::vector<char> > SonraMonoToStereoNode::doProcess()
     int16_t* stereo = reinterpret_cast<int16_t*>(out->data());
 
     // Left is the input; right is what the delay line hands on.
-    const auto interleave = [mono, stereo](std::size_t first, const int16_t* right, std::size_t count) {
-        const int16_t* left = mono + first;
-        int16_t* frame = stereo + 2 * first;
-        for (std::size_t k = 0; k < count; ++k) {
-            frame[2 * k] = left[k];
-            frame[2 * k + 1] = right[k];
-        }
-    };
     if (d->m_delaySamples == 0) {
-        interleave(0, mono, n);
+        interleave(mono, mono, stereo, n);
         return out;
     }
-    delayline::forEachDelayedRun(d->m_delayLine, mono, n, interleave);
+    delayline::forEachDelayedRun(d->m_delayLine, mono, n,
+                                 [mono, stereo](std::size_t first, const int16_t* right, std::size_t count) {
+                                     interleave(mono + first, right, stereo + 2 * first, count);
+                                 });
     delayline::advance(d->m_delayLine, mono, n);
     return out;
 }

@@ -2,12 +2,11 @@
 
 #include "shared.h"
 #include "sonradelayline_p.h"
-#include "sonralimiter_p.h"
 
 #include <boost/make_shared.hpp>
 
 #include <algorithm>
-#include <cstring>
+#include <cmath>
 
 namespace ombrel {
 
@@ -23,15 +22,49 @@ struct SonraReverbNode_p {
 
 namespace {
 
+// Decays are held to this magnitude, which keeps echo source x decay inside
+// int range (32768 x 65535 < 2^31). It changes no result: a larger decay
+// turns any non-zero echo source into an echo that saturates the sum anyway.
+const float DECAY_LIMIT = 65535.0f;
 // An echo beyond this magnitude saturates the sum whatever the dry sample
-// is; clamping it keeps the sum inside int range for any decay.
+// is; clamping it keeps the sum inside int range.
 const int32_t ECHO_LIMIT = 65536;
 
-// x + roundf(echo x decay) (halves away from zero), saturated to 16 bits.
+float usableDecay(float decay)
+{
+    if (std::isnan(decay))
+        return 0.0f; // no echo
+    return std::clamp(decay, -DECAY_LIMIT, DECAY_LIMIT);
+}
+
+// dry + roundf(echoSource x decay), halves away from zero, saturated to 16
+// bits, for a decay within DECAY_LIMIT. Below 2^23 the fraction is exact,
+// so this is roundf() to the bit; above, every float is whole already.
+// Free of branches and float compares-and-selects, so that loops over it
+// vectorise.
 inline int16_t withEcho(int16_t dry, int16_t echoSource, float decay)
 {
-    const int32_t echo = limiter::roundToInt(static_cast<float>(echoSource) * decay);
-    return SonraNode::normalize(std::clamp(echo, -ECHO_LIMIT, ECHO_LIMIT) + dry);
+    const float echo = static_cast<float>(echoSource) * decay;
+    const int32_t whole = static_cast<int32_t>(echo);
+    const float fraction = echo - static_cast<float>(whole);
+    int32_t rounded = whole + (fraction >= 0.5f) - (fraction <= -0.5f);
+    rounded = rounded < -ECHO_LIMIT ? -ECHO_LIMIT : (rounded > ECHO_LIMIT ? ECHO_LIMIT : rounded);
+    return SonraNode::normalize(rounded + dry);
+}
+
+// Samples per block of the echo loop: a fixed count lets the compiler turn
+// the block into whole vectors.
+const std::size_t ECHO_BLOCK = 16;
+
+void addEchoes(const int16_t* __restrict dry, const int16_t* __restrict echoes, int16_t* __restrict wet,
+               std::size_t count, float decay)
+{
+    std::size_t k = 0;
+    for (; k + ECHO_BLOCK <= count; k += ECHO_BLOCK)
+        for (std::size_t j = 0; j < ECHO_BLOCK; ++j)
+            wet[k + j] = withEcho(dry[k + j], echoes[k + j], decay);
+    for (; k < count; ++k)
+        wet[k] = withEcho(dry[k], echoes[k], decay);
 }
 
 } // namespace
@@ -84,11 +117,10 @@ boost::shared_ptr<std::vector<char> > SonraReverbNode::doProcess()
         std::copy(dry, dry + n, wet);
         return out;
     }
-    const float decay = d->m_decay;
+    const float decay = usableDecay(d->m_decay);
     delayline::forEachDelayedRun(d->m_delayLine, dry, n,
                                  [dry, wet, decay](std::size_t first, const int16_t* echoes, std::size_t count) {
-                                     for (std::size_t k = 0; k < count; ++k)
-                                         wet[first + k] = withEcho(dry[first + k], echoes[k], decay);
+                                     addEchoes(dry + first, echoes, wet + first, count, decay);
                                  });
     // The line takes the dry input, not the output: one echo, no feedback.
     delayline::advance(d->m_delayLine, dry, n);
