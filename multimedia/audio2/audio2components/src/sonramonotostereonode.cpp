@@ -54,7 +54,7 @@ void SonraMonoToStereoNode::setHaasEffect(int32_t delayMs)
     // of gigabytes; it can only mean "no delay".
     const int32_t delay = std::max<int32_t>(delayMs, 0);
     d->m_delaySamples = (sampleRate() * static_cast<uint32_t>(delay)) / 1000u;
-    delayline::restart(d->m_delayLine, delay != 0 ? d->m_delaySamples : 0);
+    delayline::restart(d->m_delayLine, d->m_delaySamples);
     d->m_delayMs = delay;
 }
 

@@ -84,7 +84,7 @@ void SonraReverbNode::setParameters(int32_t delay, float decay)
     // of gigabytes; it can only mean "no echo".
     const int32_t delayMs = std::max<int32_t>(delay, 0);
     d->m_delaySamples = (sampleRate() * static_cast<uint32_t>(delayMs)) / 1000u;
-    delayline::restart(d->m_delayLine, delayMs != 0 ? d->m_delaySamples : 0);
+    delayline::restart(d->m_delayLine, d->m_delaySamples);
     d->m_decay = decay;
     d->m_delay = delayMs;
 }
