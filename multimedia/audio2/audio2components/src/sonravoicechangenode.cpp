@@ -1,14 +1,11 @@
 #include "sonravoicechangenode.h"
 
-#include "sonralimiter_p.h"
-
 #include <SoundTouch.h>
 
 #include <boost/make_shared.hpp>
 
 #include <algorithm>
 #include <cmath>
-#include <type_traits>
 
 namespace ombrel {
 
@@ -32,46 +29,82 @@ namespace {
 // (SoundTouch's output may overshoot full scale). On a build for 16-bit
 // samples the conversion is a plain copy.
 typedef soundtouch::SAMPLETYPE ShifterSample;
-const bool SHIFTER_TAKES_PCM = std::is_same<ShifterSample, int16_t>::value;
-const float SHIFTER_FULL_SCALE = 32768.0f;
-const float SHIFTER_UNIT = 1.0f / SHIFTER_FULL_SCALE; // exact: a power of two
+const float PCM_FULL_SCALE = 32768.0f;
+const float PCM_UNIT = 1.0f / PCM_FULL_SCALE; // exact: a power of two
 
 // Samples (all channels) converted per call on the stack.
 const std::size_t BLOCK_SAMPLES = 4096;
+// The conversion loops run in fixed runs of this many samples, which the
+// compiler turns into whole vectors.
+const std::size_t VECTOR_RUN = 16;
 
-inline ShifterSample toShifter(int16_t sample)
+// A build of SoundTouch for 16-bit samples takes PCM as it is.
+inline void toShifter(const int16_t* in, int16_t* out, std::size_t count)
 {
-    if constexpr (SHIFTER_TAKES_PCM)
-        return sample;
-    else
-        return static_cast<ShifterSample>(sample) * SHIFTER_UNIT;
+    std::copy(in, in + count, out);
 }
 
-inline int16_t fromShifter(ShifterSample sample)
+void toShifter(const int16_t* __restrict in, float* __restrict out, std::size_t count)
 {
-    if constexpr (SHIFTER_TAKES_PCM)
-        return sample;
-    else
-        return SonraNode::normalize(limiter::roundToInt(sample * SHIFTER_FULL_SCALE));
+    std::size_t k = 0;
+    for (; k + VECTOR_RUN <= count; k += VECTOR_RUN)
+        for (std::size_t j = 0; j < VECTOR_RUN; ++j)
+            out[k + j] = static_cast<float>(in[k + j]) * PCM_UNIT;
+    for (; k < count; ++k)
+        out[k] = static_cast<float>(in[k]) * PCM_UNIT;
+}
+
+inline void fromShifter(int16_t* in, int16_t* out, std::size_t count)
+{
+    std::copy(in, in + count, out);
+}
+
+inline float scaledAndSaturated(float sample)
+{
+    const float scaled = sample * PCM_FULL_SCALE;
+    const float atLeastLowest = scaled > -32768.0f ? scaled : -32768.0f; // NaN gives the lowest
+    return atLeastLowest < 32767.0f ? atLeastLowest : 32767.0f;
+}
+
+// roundf() of a value inside the 16-bit range: the fraction of a float
+// below 2^23 is exact, and twice it truncates to -1, 0 or 1 just where
+// rounding half away from zero moves away from the whole part.
+inline int16_t roundedPcm(float value)
+{
+    const int32_t whole = static_cast<int32_t>(value);
+    const float fraction = value - static_cast<float>(whole);
+    return static_cast<int16_t>(whole + static_cast<int32_t>(fraction * 2.0f));
+}
+
+// Saturates `in` in place first, then rounds: two passes, because the
+// compiler vectorises each alone but not the two fused.
+void fromShifter(float* __restrict in, int16_t* __restrict out, std::size_t count)
+{
+    std::size_t k = 0;
+    for (; k + VECTOR_RUN <= count; k += VECTOR_RUN)
+        for (std::size_t j = 0; j < VECTOR_RUN; ++j)
+            in[k + j] = scaledAndSaturated(in[k + j]);
+    for (; k < count; ++k)
+        in[k] = scaledAndSaturated(in[k]);
+    for (k = 0; k + VECTOR_RUN <= count; k += VECTOR_RUN)
+        for (std::size_t j = 0; j < VECTOR_RUN; ++j)
+            out[k + j] = roundedPcm(in[k + j]);
+    for (; k < count; ++k)
+        out[k] = roundedPcm(in[k]);
 }
 
 // Hands the shifter `frames` sample frames of `channels` samples each.
 void putFrames(soundtouch::SoundTouch& shifter, const int16_t* samples, std::size_t frames, unsigned channels)
 {
-    if constexpr (SHIFTER_TAKES_PCM) {
-        shifter.putSamples(reinterpret_cast<const ShifterSample*>(samples), static_cast<unsigned>(frames));
-    } else {
-        ShifterSample block[BLOCK_SAMPLES];
-        const std::size_t blockFrames = BLOCK_SAMPLES / channels;
-        while (frames > 0) {
-            const std::size_t count = std::min(frames, blockFrames);
-            const std::size_t sampleCount = count * channels;
-            for (std::size_t k = 0; k < sampleCount; ++k)
-                block[k] = toShifter(samples[k]);
-            shifter.putSamples(block, static_cast<unsigned>(count));
-            samples += sampleCount;
-            frames -= count;
-        }
+    ShifterSample block[BLOCK_SAMPLES];
+    const std::size_t blockFrames = BLOCK_SAMPLES / channels;
+    while (frames > 0) {
+        const std::size_t count = std::min(frames, blockFrames);
+        const std::size_t sampleCount = count * channels;
+        toShifter(samples, block, sampleCount);
+        shifter.putSamples(block, static_cast<unsigned>(count));
+        samples += sampleCount;
+        frames -= count;
     }
 }
 
@@ -79,22 +112,17 @@ void putFrames(soundtouch::SoundTouch& shifter, const int16_t* samples, std::siz
 // cannot deliver yet is left as it is.
 void receiveFrames(soundtouch::SoundTouch& shifter, int16_t* samples, std::size_t frames, unsigned channels)
 {
-    if constexpr (SHIFTER_TAKES_PCM) {
-        shifter.receiveSamples(reinterpret_cast<ShifterSample*>(samples), static_cast<unsigned>(frames));
-    } else {
-        ShifterSample block[BLOCK_SAMPLES];
-        const std::size_t blockFrames = BLOCK_SAMPLES / channels;
-        while (frames > 0) {
-            const std::size_t wanted = std::min(frames, blockFrames);
-            const std::size_t got = shifter.receiveSamples(block, static_cast<unsigned>(wanted));
-            const std::size_t sampleCount = got * channels;
-            for (std::size_t k = 0; k < sampleCount; ++k)
-                samples[k] = fromShifter(block[k]);
-            if (got < wanted)
-                return;
-            samples += sampleCount;
-            frames -= got;
-        }
+    ShifterSample block[BLOCK_SAMPLES];
+    const std::size_t blockFrames = BLOCK_SAMPLES / channels;
+    while (frames > 0) {
+        const std::size_t wanted = std::min(frames, blockFrames);
+        const std::size_t got = shifter.receiveSamples(block, static_cast<unsigned>(wanted));
+        const std::size_t sampleCount = got * channels;
+        fromShifter(block, samples, sampleCount);
+        if (got < wanted)
+            return;
+        samples += sampleCount;
+        frames -= got;
     }
 }
 
