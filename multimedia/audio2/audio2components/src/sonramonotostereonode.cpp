@@ -18,20 +18,11 @@ struct SonraMonoToStereoNode_p {
 
 namespace {
 
-// Samples per block of the interleaving loop: a fixed count lets the
-// compiler turn the block into whole vectors.
-const std::size_t INTERLEAVE_BLOCK = 16;
-
+// A plain loop over unaliased buffers, which the compiler vectorises.
 void interleave(const int16_t* __restrict left, const int16_t* __restrict right, int16_t* __restrict stereo,
                 std::size_t count)
 {
-    std::size_t k = 0;
-    for (; k + INTERLEAVE_BLOCK <= count; k += INTERLEAVE_BLOCK)
-        for (std::size_t j = 0; j < INTERLEAVE_BLOCK; ++j) {
-            stereo[2 * (k + j)] = left[k + j];
-            stereo[2 * (k + j) + 1] = right[k + j];
-        }
-    for (; k < count; ++k) {
+    for (std::size_t k = 0; k < count; ++k) {
         stereo[2 * k] = left[k];
         stereo[2 * k + 1] = right[k];
     }

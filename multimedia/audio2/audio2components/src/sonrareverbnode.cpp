@@ -52,18 +52,11 @@ inline int16_t withEcho(int16_t dry, int16_t echoSource, float decay)
     return SonraNode::normalize(rounded + dry);
 }
 
-// Samples per block of the echo loop: a fixed count lets the compiler turn
-// the block into whole vectors.
-const std::size_t ECHO_BLOCK = 16;
-
+// A plain loop over unaliased buffers, which the compiler vectorises.
 void addEchoes(const int16_t* __restrict dry, const int16_t* __restrict echoes, int16_t* __restrict wet,
                std::size_t count, float decay)
 {
-    std::size_t k = 0;
-    for (; k + ECHO_BLOCK <= count; k += ECHO_BLOCK)
-        for (std::size_t j = 0; j < ECHO_BLOCK; ++j)
-            wet[k + j] = withEcho(dry[k + j], echoes[k + j], decay);
-    for (; k < count; ++k)
+    for (std::size_t k = 0; k < count; ++k)
         wet[k] = withEcho(dry[k], echoes[k], decay);
 }
 

@@ -34,9 +34,6 @@ const float PCM_UNIT = 1.0f / PCM_FULL_SCALE; // exact: a power of two
 
 // Samples (all channels) converted per call on the stack.
 const std::size_t BLOCK_SAMPLES = 4096;
-// The conversion loops run in fixed runs of this many samples, which the
-// compiler turns into whole vectors.
-const std::size_t VECTOR_RUN = 16;
 
 // A build of SoundTouch for 16-bit samples takes PCM as it is.
 inline void toShifter(const int16_t* in, int16_t* out, std::size_t count)
@@ -46,11 +43,7 @@ inline void toShifter(const int16_t* in, int16_t* out, std::size_t count)
 
 void toShifter(const int16_t* __restrict in, float* __restrict out, std::size_t count)
 {
-    std::size_t k = 0;
-    for (; k + VECTOR_RUN <= count; k += VECTOR_RUN)
-        for (std::size_t j = 0; j < VECTOR_RUN; ++j)
-            out[k + j] = static_cast<float>(in[k + j]) * PCM_UNIT;
-    for (; k < count; ++k)
+    for (std::size_t k = 0; k < count; ++k)
         out[k] = static_cast<float>(in[k]) * PCM_UNIT;
 }
 
@@ -80,16 +73,9 @@ inline int16_t roundedPcm(float value)
 // compiler vectorises each alone but not the two fused.
 void fromShifter(float* __restrict in, int16_t* __restrict out, std::size_t count)
 {
-    std::size_t k = 0;
-    for (; k + VECTOR_RUN <= count; k += VECTOR_RUN)
-        for (std::size_t j = 0; j < VECTOR_RUN; ++j)
-            in[k + j] = scaledAndSaturated(in[k + j]);
-    for (; k < count; ++k)
+    for (std::size_t k = 0; k < count; ++k)
         in[k] = scaledAndSaturated(in[k]);
-    for (k = 0; k + VECTOR_RUN <= count; k += VECTOR_RUN)
-        for (std::size_t j = 0; j < VECTOR_RUN; ++j)
-            out[k + j] = roundedPcm(in[k + j]);
-    for (; k < count; ++k)
+    for (std::size_t k = 0; k < count; ++k)
         out[k] = roundedPcm(in[k]);
 }
 
