@@ -5,8 +5,16 @@
 #include "shared.h"
 #include "sonrauniversaldev.h"
 
+#include <gtest/gtest.h>
+
 #include <boost/make_shared.hpp>
 
+#include <sndfile.h>
+#include <unistd.h>
+
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
 #include <string>
 #include <vector>
 
@@ -89,6 +97,52 @@ public:
 private:
     std::string m_category;
 };
+
+// A file name in the test's temporary folder, unique to this process.
+inline std::string tempPath(const std::string& name)
+{
+    return ::testing::TempDir() + "sonra_" + std::to_string(::getpid()) + "_" + name;
+}
+
+// Writes 16-bit PCM WAV with libsndfile; false when it cannot.
+inline bool writeWav(const std::string& path, const std::vector<int16_t>& samples, int sampleRate, int channels)
+{
+    SF_INFO info;
+    std::memset(&info, 0, sizeof info);
+    info.samplerate = sampleRate;
+    info.channels = channels;
+    info.format = SF_FORMAT_WAV | SF_FORMAT_PCM_16;
+    SNDFILE* file = sf_open(path.c_str(), SFM_WRITE, &info);
+    if (!file)
+        return false;
+    const sf_count_t frames = static_cast<sf_count_t>(samples.size() / channels);
+    const bool written = sf_writef_short(file, samples.data(), frames) == frames;
+    sf_close(file);
+    return written;
+}
+
+struct WavContents {
+    bool ok = false;
+    int sampleRate = 0;
+    int channels = 0;
+    std::vector<int16_t> samples;
+};
+
+inline WavContents readWav(const std::string& path)
+{
+    WavContents contents;
+    SF_INFO info;
+    std::memset(&info, 0, sizeof info);
+    SNDFILE* file = sf_open(path.c_str(), SFM_READ, &info);
+    if (!file)
+        return contents;
+    contents.sampleRate = info.samplerate;
+    contents.channels = info.channels;
+    contents.samples.resize(static_cast<std::size_t>(info.frames) * info.channels);
+    contents.ok = sf_readf_short(file, contents.samples.data(), info.frames) == info.frames;
+    sf_close(file);
+    return contents;
+}
 
 } // namespace sonratest
 

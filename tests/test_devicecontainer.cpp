@@ -601,7 +601,6 @@ TEST(DeviceContainer, DeviceThreadCallsBackWhileTheContainerIsDestroyed)
         });
         auto pipe = boost::make_shared<SonraPipe>(FRAME_MS);
         f.container->setPipe(pipe);
-        sonratest::QueueSource source;
         pipe->connect(f.container->capture(), f.container->playback());
         for (int i = 0; i < 50; ++i)
             pipe->processFrame();
