@@ -51,6 +51,7 @@ namespace {
 
 const unsigned SAMPLE_BYTES = 2;            // bytes of one 16-bit sample
 const unsigned VIRTUAL_MAX_CHANNELS = 8;    // what the virtual device offers
+const unsigned long long MAX_BLOCK_FRAMES = 1u << 20; // samples per channel in one block
 // A virtual stream that falls further behind than this (a suspended
 // process) starts its pace afresh instead of bursting, as a sound card
 // would after an overrun.
@@ -180,6 +181,12 @@ PaDeviceIndex findPortAudioDevice(const std::string& name, bool capture, std::st
 
 // ----------------------------------------------------------------- streams
 
+// Samples per channel in one block of the stream.
+unsigned long long blockFrames(const SonraStreamConfiguration& configuration)
+{
+    return static_cast<unsigned long long>(configuration.sampleRate) * configuration.frameDuration / 1000;
+}
+
 // One running stream of the device: a PortAudio stream or a virtual one.
 class Stream {
 public:
@@ -222,12 +229,10 @@ public:
         if (error != paNoError)
             return fail(error, detail, message);
 
-        const unsigned long blockFrames =
-            static_cast<unsigned long>(m_configuration.sampleRate) * m_configuration.frameDuration / 1000;
         error = Pa_OpenStream(&m_stream, m_sides.captureChannels > 0 ? &input : nullptr,
-                                      m_sides.playbackChannels > 0 ? &output : nullptr,
-                                      m_configuration.sampleRate, blockFrames, paNoFlag, &PortAudioStream::onBlock,
-                                      this);
+                              m_sides.playbackChannels > 0 ? &output : nullptr, m_configuration.sampleRate,
+                              static_cast<unsigned long>(blockFrames(m_configuration)), paNoFlag,
+                              &PortAudioStream::onBlock, this);
         if (error != paNoError) {
             m_stream = nullptr;
             return fail(error, hostDetail(error), message);
@@ -284,9 +289,16 @@ private:
         const int outLength = static_cast<int>(frames * self->m_sides.playbackChannels * SAMPLE_BYTES);
         // Overflow and underflow flags only report lost time; the block
         // itself is sound, so it goes through as a normal one.
-        const bool goOn = self->m_callback(static_cast<const char*>(input), input ? inLength : 0,
-                                           static_cast<char*>(output), output ? outLength : 0, 0);
-        return goOn ? paContinue : paComplete;
+        try {
+            const bool goOn = self->m_callback(static_cast<const char*>(input), input ? inLength : 0,
+                                               static_cast<char*>(output), output ? outLength : 0, 0);
+            return goOn ? paContinue : paComplete;
+        } catch (...) {
+            // Nothing may unwind into PortAudio's thread: the stream ends.
+            if (output)
+                std::memset(output, 0, static_cast<std::size_t>(outLength));
+            return paAbort;
+        }
     }
 
     const SonraStreamConfiguration m_configuration;
@@ -317,7 +329,7 @@ public:
         : m_configuration(configuration),
           m_sides(sides),
           m_callback(callback),
-          m_blockFrames(configuration.sampleRate * configuration.frameDuration / 1000),
+          m_blockFrames(static_cast<unsigned>(blockFrames(configuration))),
           m_captureFile(nullptr),
           m_captureFileChannels(0),
           m_playbackFile(nullptr),
@@ -472,8 +484,12 @@ private:
                 continue;
             }
             ++blocks;
-            if (!deliverBlock(captured, played))
-                return;
+            try {
+                if (!deliverBlock(captured, played))
+                    return;
+            } catch (...) {
+                return; // nothing may escape the thread: the stream ends
+            }
         }
     }
 
@@ -565,9 +581,11 @@ int SonraUniversalDevice::start(const SonraStreamConfiguration& configuration, C
     stop();
     if (configuration.sampleRate == 0)
         return fail(paInvalidSampleRate, "the stream's sample rate is 0 Hz", message);
-    if (static_cast<unsigned long long>(configuration.sampleRate) * configuration.frameDuration / 1000 == 0)
+    if (blockFrames(configuration) == 0)
         return fail(paBufferTooSmall, "a block of " + std::to_string(configuration.frameDuration) +
                                           " ms holds no sample", message);
+    if (blockFrames(configuration) > MAX_BLOCK_FRAMES)
+        return fail(paBufferTooBig, "a block of " + std::to_string(configuration.frameDuration) + " ms", message);
     if (configuration.captureChannels == 0 && configuration.playbackChannels == 0)
         return fail(paInvalidChannelCount, "the stream neither captures nor plays", message);
     if (callback.empty())

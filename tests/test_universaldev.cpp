@@ -151,6 +151,9 @@ TEST(UniversalDevice, RefusesStreamsThatCannotRun)
     SonraStreamConfiguration tinyBlock = configuration("virtual", 1, "virtual", 1);
     tinyBlock.frameDuration = 0;
     EXPECT_EQ(paBufferTooSmall, device.start(tinyBlock, recorder.callback(), &message));
+    SonraStreamConfiguration hugeBlock = configuration("virtual", 1, "virtual", 1);
+    hugeBlock.frameDuration = 4000000000u; // the block size must not wrap
+    EXPECT_EQ(paBufferTooBig, device.start(hugeBlock, recorder.callback(), &message));
     EXPECT_EQ(paNullCallback, device.start(configuration("virtual", 1, "virtual", 1), SonraDevice::Callback(), &message));
     EXPECT_FALSE(device.isRunning());
 }
