@@ -79,6 +79,8 @@ public:
     // negative code, and `*message` (when not null) says why.
     virtual int start(const SonraStreamConfiguration& configuration, Callback callback, std::string* message) = 0;
     // Stops the stream; once it returns, the callback is not called again.
+    // A device lets go of the callback when its stream ends: the callback
+    // may share the caller's state, and that state may hold the device.
     virtual void stop() = 0;
     // Once per graph frame, on the graph's thread.
     virtual void workCycle();

@@ -39,7 +39,10 @@ public:
             *message = messageToWrite;
         return startResult;
     }
+    // Keeps the callback, so that a test can call back after stop() as a
+    // late device thread would; a test drops it with forget().
     void stop() override { ++stops; }
+    void forget() { callback = Callback(); }
     void workCycle() override { ++workCycles; }
     bool hasVoicePreprocessor() override { return preprocessor; }
     void reset() override { ++resets; }
