@@ -24,12 +24,6 @@ using sonratest::readWav;
 using sonratest::tempPath;
 using sonratest::writeWav;
 
-// PortAudio's ALSA layer keeps configuration caches for the whole process.
-extern "C" const char* __lsan_default_suppressions()
-{
-    return "leak:libasound\nleak:libportaudio\nleak:libjack\n";
-}
-
 namespace {
 
 const unsigned RATE = 16000;
