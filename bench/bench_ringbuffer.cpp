@@ -65,6 +65,25 @@ void BM_RingPutGetOneFrameQueued(benchmark::State& state)
 }
 BENCHMARK(BM_RingPutGetOneFrameQueued);
 
+// The consumer eight frames behind (5120 bytes held): past the size up to
+// which appending rebuilds the content with block copies, the
+// circular_buffer grows element by element.
+void BM_RingPutGetEightFramesQueued(benchmark::State& state)
+{
+    ombrel::SonraRingBuffer ring(RING_BYTES);
+    const std::vector<char> in = frameBytes();
+    std::vector<char> out(FRAME_BYTES);
+    for (int i = 0; i < 8; ++i)
+        ring.put(in.data(), FRAME_BYTES);
+    for (auto _ : state) {
+        ring.put(in.data(), FRAME_BYTES);
+        benchmark::DoNotOptimize(ring.get(out.data(), FRAME_BYTES));
+        benchmark::ClobberMemory();
+    }
+    state.SetBytesProcessed(int64_t(state.iterations()) * FRAME_BYTES);
+}
+BENCHMARK(BM_RingPutGetEightFramesQueued);
+
 // A ring nobody drains: every put overwrites the oldest frame.
 void BM_RingPutIntoFullRing(benchmark::State& state)
 {

@@ -47,6 +47,31 @@ void readOldest(const ByteRing& ring, char* data, ByteRing::size_type length)
         std::memcpy(data + piece, ring.array_two().first, length - piece);
 }
 
+// Makes `data` the whole content. Growing a circular_buffer constructs its
+// elements one by one; a constant fill of a fresh, contiguous content is
+// the one growth that compiles to block stores, and one block copy follows.
+void replaceContent(ByteRing& ring, const char* data, ByteRing::size_type length)
+{
+    ring.assign(ring.capacity(), length, 0);
+    std::memcpy(ring.array_one().first, data, length);
+}
+
+// Up to this many held bytes, appending rebuilds the content from a copy on
+// the stack (block copies and a vectorised fill) rather than letting the
+// circular_buffer grow element by element.
+const std::size_t REBUILD_LIMIT = 4096; // bytes
+
+void appendByRebuilding(ByteRing& ring, const char* data, ByteRing::size_type length)
+{
+    char held[REBUILD_LIMIT];
+    const ByteRing::size_type heldLength = ring.size();
+    readOldest(ring, held, heldLength);
+    ring.assign(ring.capacity(), heldLength + length, 0);
+    char* content = ring.array_one().first;
+    std::memcpy(content, held, heldLength);
+    std::memcpy(content + heldLength, data, length);
+}
+
 } // namespace
 
 SonraRingBuffer::SonraRingBuffer(unsigned int size)
@@ -80,12 +105,11 @@ void SonraRingBuffer::put(const char* data, unsigned int length)
 
     if (length >= capacity) {
         // Nothing old survives; only the input's last `capacity` bytes do.
-        ring.assign(capacity, data + (length - capacity), data + length);
+        replaceContent(ring, data + (length - capacity), capacity);
         return;
     }
     if (ring.empty()) {
-        // Starts the content at the front of the storage: one block copy.
-        ring.assign(capacity, data, data + length);
+        replaceContent(ring, data, length);
         return;
     }
     if (ring.full()) {
@@ -98,6 +122,10 @@ void SonraRingBuffer::put(const char* data, unsigned int length)
     const ByteRing::size_type room = capacity - ring.size();
     if (length > room)
         ring.erase_begin(length - room);
+    if (ring.size() <= REBUILD_LIMIT) {
+        appendByRebuilding(ring, data, length);
+        return;
+    }
     ring.insert(ring.end(), data, data + length);
 }
 
