@@ -23,7 +23,7 @@ class SonraNode : private boost::noncopyable {
 public:
     typedef boost::shared_ptr<std::vector<char> > Frame;
 
-    static const unsigned DEFAULT_SAMPLE_RATE = 16000; // Hz
+    static constexpr unsigned DEFAULT_SAMPLE_RATE = 16000; // Hz
 
     SonraNode(boost::shared_ptr<boost::asio::io_service> ioService, unsigned frameDuration, unsigned sampleRate);
 

@@ -7,6 +7,7 @@
 #include "sonrabase.h"
 
 #include <algorithm>
+#include <cmath>
 #include <cstdint>
 
 namespace ombrel {
@@ -17,19 +18,30 @@ const float GAIN_CEILING = 1.0f;
 const double HEADROOM = 0.9;
 
 // roundf() (halves away from zero) then truncation to int, without a libm
-// call so that loops over it vectorise. Exact for every float: below 2^23
-// the fraction is exact, above it every float is already whole. Values
-// outside the int range saturate instead of being undefined.
-inline int32_t roundToInt(float value)
+// call so that loops over it vectorise. Exact for every float of magnitude
+// below 2^31: below 2^23 the fraction is exact, above it every float is
+// already whole. Larger magnitudes are the caller's to avoid.
+inline int32_t roundToIntInRange(float value)
 {
-    const float largestBelowTwoTo31 = 2147483520.0f;
-    if (!(value >= -largestBelowTwoTo31))
-        value = -largestBelowTwoTo31; // also catches NaN
-    else if (value > largestBelowTwoTo31)
-        value = largestBelowTwoTo31;
     const int32_t whole = static_cast<int32_t>(value);
     const float fraction = value - static_cast<float>(whole);
     return whole + (fraction >= 0.5f) - (fraction <= -0.5f);
+}
+
+// The same for any float: magnitudes beyond the int range saturate instead
+// of being undefined, and NaN gives the lower bound.
+inline int32_t roundToInt(float value)
+{
+    const float largestBelowTwoTo31 = 2147483520.0f;
+    // Argument order matters: NaN loses both comparisons.
+    value = std::min(std::max(-largestBelowTwoTo31, value), largestBelowTwoTo31);
+    return roundToIntInRange(value);
+}
+
+// A 16-bit sample times `factor` stays inside the int range.
+inline bool scalesInRange(float factor)
+{
+    return std::fabs(factor) < 65536.0f; // false for NaN too
 }
 
 // The gain that brings `value` to 0.9 of `threshold`: the quotient in single

@@ -22,6 +22,28 @@ namespace {
 // Below this distance from 1.0 a volume counts as unity.
 const float UNITY_TOLERANCE = 0.001f;
 
+bool withinLevels(const int16_t* samples, std::size_t count, limiter::Levels levels)
+{
+    int lowest = 0, highest = 0;
+    for (std::size_t k = 0; k < count; ++k) {
+        lowest = std::min<int>(lowest, samples[k]);
+        highest = std::max<int>(highest, samples[k]);
+    }
+    return highest < levels.maxLevel && lowest > levels.minLevel;
+}
+
+void scaleBlock(const int16_t* samples, unsigned count, float volume, int32_t* scaled)
+{
+    for (unsigned k = 0; k < count; ++k)
+        scaled[k] = limiter::roundToIntInRange(static_cast<float>(samples[k]) * volume);
+}
+
+void scaleBlockSaturating(const int16_t* samples, unsigned count, float volume, int32_t* scaled)
+{
+    for (unsigned k = 0; k < count; ++k)
+        scaled[k] = limiter::roundToInt(static_cast<float>(samples[k]) * volume);
+}
+
 } // namespace
 
 SonraVolumeNode::SonraVolumeNode(boost::shared_ptr<boost::asio::io_service> ioService,
@@ -86,12 +108,18 @@ boost::shared_ptr<std::vector<char> > SonraVolumeNode::doProcess()
     const float volume = d->m_volume;
     const limiter::Levels levels = {d->m_maxLevel, d->m_minLevel};
 
+    if (volume == 1.0f && d->m_gain == 1.0f && withinLevels(samples, count, levels))
+        return frame; // unity: every sample would be written back as it is
+
+    const bool inRange = limiter::scalesInRange(volume);
     int32_t scaled[limiter::BLOCK_SAMPLES];
     for (std::size_t first = 0; first < count; first += limiter::BLOCK_SAMPLES) {
         const unsigned block = static_cast<unsigned>(std::min<std::size_t>(limiter::BLOCK_SAMPLES, count - first));
         int16_t* blockSamples = samples + first;
-        for (unsigned k = 0; k < block; ++k)
-            scaled[k] = limiter::roundToInt(static_cast<float>(blockSamples[k]) * volume);
+        if (inRange)
+            scaleBlock(blockSamples, block, volume, scaled);
+        else
+            scaleBlockSaturating(blockSamples, block, volume, scaled);
         limiter::store(scaled, block, blockSamples, levels, d->m_gain, d->m_gainStep,
                        frameDuration(), d->m_gainRecoveryTime);
     }
