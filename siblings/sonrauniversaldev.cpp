@@ -120,15 +120,13 @@ private:
     PaError m_result;
 };
 
-std::string portAudioText(PaError error)
+// The host API's own words for a failure PortAudio did not anticipate.
+std::string hostErrorText(PaError error)
 {
-    std::string text = Pa_GetErrorText(error);
-    if (error == paUnanticipatedHostError) {
-        const PaHostErrorInfo* host = Pa_GetLastHostErrorInfo();
-        if (host && host->errorText && *host->errorText)
-            text += std::string(": ") + host->errorText;
-    }
-    return text;
+    if (error != paUnanticipatedHostError)
+        return std::string();
+    const PaHostErrorInfo* host = Pa_GetLastHostErrorInfo();
+    return host && host->errorText ? std::string(host->errorText) : std::string();
 }
 
 // Records a failure in the caller's message text and passes the code on.
@@ -235,13 +233,13 @@ public:
                               &PortAudioStream::onBlock, this);
         if (error != paNoError) {
             m_stream = nullptr;
-            return fail(error, hostDetail(error), message);
+            return fail(error, hostErrorText(error), message);
         }
         error = Pa_StartStream(m_stream);
         if (error != paNoError) {
             Pa_CloseStream(m_stream);
             m_stream = nullptr;
-            return fail(error, hostDetail(error), message);
+            return fail(error, hostErrorText(error), message);
         }
         return paNoError;
     }
@@ -272,13 +270,6 @@ private:
         parameters.sampleFormat = paInt16;
         parameters.suggestedLatency = capture ? info->defaultLowInputLatency : info->defaultLowOutputLatency;
         return paNoError;
-    }
-
-    static std::string hostDetail(PaError error)
-    {
-        const std::string text = portAudioText(error);
-        const std::string plain = Pa_GetErrorText(error);
-        return text.size() > plain.size() + 2 ? text.substr(plain.size() + 2) : std::string();
     }
 
     static int onBlock(const void* input, void* output, unsigned long frames, const PaStreamCallbackTimeInfo*,

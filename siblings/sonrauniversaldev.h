@@ -124,7 +124,10 @@ public:
     int start(const SonraStreamConfiguration& configuration, Callback callback, std::string* message) override;
     void stop() override;
 
-    unsigned sampleRate() const; // Hz, given at construction
+    // Hz, given at construction: the rate the virtual device reports.
+    // Streams run at their configuration's rate.
+    unsigned sampleRate() const;
+    // A stream was started and not yet stopped.
     bool isRunning() const;
 
 private:
