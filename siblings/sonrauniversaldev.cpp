@@ -332,6 +332,10 @@ public:
 
     int start(std::string* message) override
     {
+        if (m_sides.captureChannels > VIRTUAL_MAX_CHANNELS || m_sides.playbackChannels > VIRTUAL_MAX_CHANNELS)
+            return fail(paInvalidChannelCount,
+                        "the virtual device has at most " + std::to_string(VIRTUAL_MAX_CHANNELS) + " channels",
+                        message);
         if (m_sides.captureChannels > 0) {
             const int result = openCaptureFile(virtualPath(m_configuration.captureDevice), message);
             if (result != paNoError)

@@ -139,6 +139,8 @@ TEST(UniversalDevice, RefusesStreamsThatCannotRun)
     Recorder recorder;
     std::string message;
     EXPECT_EQ(paInvalidChannelCount, device.start(configuration("virtual", 0, "virtual", 0), recorder.callback(), &message));
+    EXPECT_EQ(paInvalidChannelCount, device.start(configuration("virtual", 9, "virtual", 1), recorder.callback(), &message));
+    EXPECT_EQ("Invalid number of channels: the virtual device has at most 8 channels", message);
     SonraStreamConfiguration noRate = configuration("virtual", 1, "virtual", 1);
     noRate.sampleRate = 0;
     EXPECT_EQ(paInvalidSampleRate, device.start(noRate, recorder.callback(), &message));
