@@ -18,23 +18,15 @@ namespace {
 
 typedef boost::circular_buffer<char> ByteRing;
 
-// Copies `length` bytes into the ring's storage at logical positions
-// [first, first + length), which must already be held: at most two block
+// Overwrites the `length` oldest bytes in place, in at most two block
 // copies, one per contiguous piece of storage.
-void writeAt(ByteRing& ring, ByteRing::size_type first, const char* data, ByteRing::size_type length)
+void overwriteOldest(ByteRing& ring, const char* data, ByteRing::size_type length)
 {
     const ByteRing::array_range one = ring.array_one();
-    if (first < one.second) {
-        const ByteRing::size_type piece = std::min(length, one.second - first);
-        std::memcpy(one.first + first, data, piece);
-        data += piece;
-        length -= piece;
-        first = 0;
-    } else {
-        first -= one.second;
-    }
-    if (length > 0)
-        std::memcpy(ring.array_two().first + first, data, length);
+    const ByteRing::size_type piece = std::min(length, one.second);
+    std::memcpy(one.first, data, piece);
+    if (length > piece)
+        std::memcpy(ring.array_two().first, data + piece, length - piece);
 }
 
 // Copies the `length` oldest bytes out in at most two block copies.
@@ -115,7 +107,7 @@ void SonraRingBuffer::put(const char* data, unsigned int length)
     if (ring.full()) {
         // Overwrite the oldest bytes in place, then let them count as the
         // newest: rotating a full ring only moves its start.
-        writeAt(ring, 0, data, length);
+        overwriteOldest(ring, data, length);
         ring.rotate(ring.begin() + length);
         return;
     }
