@@ -1,5 +1,139 @@
-// Device library of the family: sound devices on PortAudio and a virtual device.
+// Device library of the family: sound devices on PortAudio and a virtual
+// device that needs no hardware.
 #ifndef OMBREL_SONRAUNIVERSALDEV_H
 #define OMBREL_SONRAUNIVERSALDEV_H
+
+#include <boost/asio/io_service.hpp>
+#include <boost/enable_shared_from_this.hpp>
+#include <boost/function.hpp>
+#include <boost/noncopyable.hpp>
+#include <boost/scoped_ptr.hpp>
+#include <boost/shared_ptr.hpp>
+
+#include <string>
+#include <vector>
+
+namespace ombrel {
+
+// One sound device as the device library sees it.
+class SonraDeviceInfo {
+public:
+    // Bit 1 (CAPTURE) asks for capture devices; without it, playback devices.
+    enum DeviceType { PLAYBACK = 1, CAPTURE = 2 };
+
+    SonraDeviceInfo(const std::string& name, const std::string& hostApi, unsigned maxChannels,
+                    double defaultSampleRate, bool isDefault, bool isVirtual);
+    virtual ~SonraDeviceInfo();
+
+    // The name to give to a stream configuration to choose this device.
+    const std::string& name() const { return m_name; }
+    // The sound system the device belongs to ("ALSA", "JACK", ..., "virtual").
+    const std::string& hostApi() const { return m_hostApi; }
+    unsigned maxChannels() const { return m_maxChannels; }
+    double defaultSampleRate() const { return m_defaultSampleRate; } // Hz
+    // The device an empty name stands for.
+    bool isDefault() const { return m_isDefault; }
+    bool isVirtual() const { return m_isVirtual; }
+
+private:
+    std::string m_name;
+    std::string m_hostApi;
+    unsigned m_maxChannels;
+    double m_defaultSampleRate; // Hz
+    bool m_isDefault;
+    bool m_isVirtual;
+};
+
+// What a device stream is opened with. PCM is 16-bit signed native-endian,
+// interleaved by channel, in both directions.
+class SonraStreamConfiguration {
+public:
+    SonraStreamConfiguration();
+    virtual ~SonraStreamConfiguration();
+
+    unsigned sampleRate;          // Hz
+    std::string captureDevice;    // empty: the default capture device
+    std::string playbackDevice;   // empty: the default playback device
+    unsigned frameDuration;       // ms, the length of one audio block
+    unsigned playbackChannels;    // 0: no playback
+    unsigned captureChannels;     // 0: no capture
+    boost::shared_ptr<boost::asio::io_service> ioService;
+};
+
+// A sound device that can run one stream at a time.
+class SonraDevice : public boost::enable_shared_from_this<SonraDevice>, private boost::noncopyable {
+public:
+    // Called on the device's own thread once per audio block: `in` holds
+    // `inLength` captured bytes (null when the stream does not capture),
+    // `out` takes `outLength` bytes to play (null when it does not play).
+    // `status` 0 means a normal block; with any other value the callee
+    // leaves the block alone and the device plays silence. Returning false
+    // ends the stream.
+    typedef boost::function<bool (const char* in, int inLength, char* out, int outLength, int status)> Callback;
+
+    SonraDevice();
+    virtual ~SonraDevice();
+
+    virtual std::vector<boost::shared_ptr<SonraDeviceInfo> > devices(SonraDeviceInfo::DeviceType type) = 0;
+    // Opens and starts a stream. Returns 0 when it runs; otherwise a
+    // negative code, and `*message` (when not null) says why.
+    virtual int start(const SonraStreamConfiguration& configuration, Callback callback, std::string* message) = 0;
+    // Stops the stream; once it returns, the callback is not called again.
+    // A device lets go of the callback when its stream ends: the callback
+    // may share the caller's state, and that state may hold the device.
+    virtual void stop() = 0;
+    // Once per graph frame, on the graph's thread.
+    virtual void workCycle();
+    virtual bool hasVoicePreprocessor();
+    // The graph restarted its stream.
+    virtual void reset();
+
+    bool aecEnabled; // echo cancellation wanted; this library's devices have none
+};
+
+// Supplies playback devices of another kind (a telephony card, a headset
+// with its own stack). An empty result means "none here".
+class SonraDeviceBuilder {
+public:
+    virtual ~SonraDeviceBuilder();
+    virtual boost::shared_ptr<SonraDevice> buildDevice(bool capture, unsigned sampleRate) = 0;
+};
+
+struct SonraUniversalDevice_p;
+
+// The sound card's devices through PortAudio, plus the virtual device:
+//  - "virtual" captures silence and drops what it plays;
+//  - "virtual:PATH" as a capture device captures the sound file PATH
+//    (looping; its sample rate must be the stream's), as a playback device
+//    writes what it plays to the WAV file PATH, closed when the stream stops.
+// The virtual device keeps the stream's real-time pace on its own thread.
+// A stream may mix a virtual side with a sound card side.
+class SonraUniversalDevice : public SonraDevice {
+public:
+    static const char* const VIRTUAL_DEVICE;        // "virtual"
+    static const char* const VIRTUAL_DEVICE_PREFIX; // "virtual:"
+
+    explicit SonraUniversalDevice(unsigned sampleRate);
+    ~SonraUniversalDevice() override;
+
+    // The virtual device first, then the sound card's devices of that kind.
+    std::vector<boost::shared_ptr<SonraDeviceInfo> > devices(SonraDeviceInfo::DeviceType type) override;
+    // Failures carry PortAudio's codes and words (paInvalidDevice for an
+    // unknown name, paDeviceUnavailable for a busy device, ...). A running
+    // stream is stopped first.
+    int start(const SonraStreamConfiguration& configuration, Callback callback, std::string* message) override;
+    void stop() override;
+
+    // Hz, given at construction: the rate the virtual device reports.
+    // Streams run at their configuration's rate.
+    unsigned sampleRate() const;
+    // A stream was started and not yet stopped.
+    bool isRunning() const;
+
+private:
+    boost::scoped_ptr<SonraUniversalDevice_p> d;
+};
+
+} // namespace ombrel
 
 #endif

@@ -2,8 +2,12 @@
 #define OMBREL_SONRADEVNODE_H
 
 #include "sonrabase.h"
+#include "sonrauniversaldev.h"
 
 #include <boost/function.hpp>
+
+#include <string>
+#include <vector>
 
 namespace ombrel {
 
@@ -21,6 +25,63 @@ public:
 
 private:
     Source m_source;
+};
+
+struct SonraDevNodesContainer_p;
+
+// Joins a sound device to the graph: a capture node that brings captured
+// PCM into the pipe and a playback node that takes the pipe's output to the
+// device, with a ring buffer in each direction between the device's thread
+// and the pipe's. Own it through a shared pointer: while started, the
+// pipe's signals share its ownership.
+class SonraDevNodesContainer : public boost::enable_shared_from_this<SonraDevNodesContainer>,
+                               private boost::noncopyable {
+public:
+    static const unsigned int DEFAULT_RINGBUF_DURATION = 360; // ms
+
+    // frameDuration and ringBufferDuration in ms, sampleRate in Hz. Each
+    // ring holds ringBufferDuration of one channel of 16-bit samples.
+    SonraDevNodesContainer(boost::shared_ptr<boost::asio::io_service> ioService, unsigned int frameDuration,
+                           unsigned int ringBufferDuration, unsigned int sampleRate);
+    // Stops the stream. The rings live on while the device still holds its
+    // callback.
+    virtual ~SonraDevNodesContainer();
+
+    // Builds the playback node, the capture node (withCapture) and a new
+    // device; an earlier device is released, not stopped.
+    void create(bool withCapture, bool aecEnabled);
+    void setPipe(boost::shared_ptr<SonraPipe> pipe);
+    // Asked for a device when one without capture is needed.
+    void setPlaybackDeviceBuilder(boost::shared_ptr<SonraDeviceBuilder> builder);
+    void setPlaybackDevice(const std::string& name);
+    void setCaptureDevice(const std::string& name);
+    void forceUniversalDevice(bool flag);
+    // Requires a device (after create).
+    bool hasVoicePreprocessor() const;
+
+    boost::shared_ptr<SonraNode> playback() const;
+    boost::shared_ptr<SonraNode> capture() const;
+    boost::shared_ptr<SonraDevice> device() const;
+    // A new device that the container does not keep.
+    boost::shared_ptr<SonraDevice> createRawDevice(unsigned int sampleRate, bool capture) const;
+    std::vector<boost::shared_ptr<SonraDeviceInfo> > devices(SonraDeviceInfo::DeviceType type);
+
+    // Connects to the pipe's signals and starts the device stream. Returns
+    // 0 or the failure code (-6: no device); *errorMessage receives the
+    // device's text on every return. A negative channel count counts as 0.
+    int start(int playbackChannels, int captureChannels, std::string* errorMessage);
+    void stop();
+
+    // Slots of the pipe's reset and work-cycle signals.
+    void resetDevice();
+    void workCycle();
+
+    // Sources of the playback and capture nodes, on the pipe's thread.
+    boost::shared_ptr<std::vector<char> > processPlayback();
+    boost::shared_ptr<std::vector<char> > processCapture();
+
+private:
+    boost::shared_ptr<SonraDevNodesContainer_p> d;
 };
 
 } // namespace ombrel
