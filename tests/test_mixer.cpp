@@ -43,16 +43,6 @@ struct MixerGraph : ::testing::Test {
     }
 };
 
-TEST_F(MixerGraph, SumsBelowFullScaleComeOutExactly)
-{
-    std::vector<int16_t> a = sine(440, RATE, SAMPLES, 9000);
-    std::vector<int16_t> b = sine(1000, RATE, SAMPLES, 9000);
-    const std::vector<int16_t> out = mix(a, b);
-    ASSERT_EQ(out.size(), SAMPLES);
-    for (std::size_t i = 0; i < SAMPLES; ++i)
-        ASSERT_EQ(out[i], a[i] + b[i]) << "at " << i;
-}
-
 TEST_F(MixerGraph, FirstCutGivesTheDocumentedGainAndRecoversIn75Ticks)
 {
     std::vector<int16_t> a = filled(5000), b = filled(5000);
@@ -164,7 +154,7 @@ struct ReferenceMixer {
     float gain = 1.0f;
     float step = 0.0f;
 
-    std::vector<int16_t> mix(const std::vector<std::vector<int16_t> >& inputs, unsigned channels)
+    std::vector<int16_t> mix(const std::vector<std::vector<int16_t> >& inputs)
     {
         std::vector<int16_t> out(inputs[0].size());
         for (std::size_t k = 0; k < out.size(); ++k) {
@@ -180,7 +170,6 @@ struct ReferenceMixer {
             }
             out[k] = SonraNode::normalize(int32_t(std::roundf(float(s) * gain)));
         }
-        (void)channels;
         return out;
     }
     void tick()
@@ -216,7 +205,7 @@ TEST(Mixer, MatchesThePerSampleRuleOnRandomLoudFrames)
             sources[n].push(frames[n]);
         }
         pipe->processFrame();
-        ASSERT_EQ(samplesOf(mixer->outputData()), reference.mix(frames, channels)) << "frame " << frame;
+        ASSERT_EQ(samplesOf(mixer->outputData()), reference.mix(frames)) << "frame " << frame;
         reference.tick();
     }
 }

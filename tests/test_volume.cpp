@@ -118,12 +118,11 @@ TEST_F(VolumeGraph, EmptyAndShortFramesAreSafe)
 TEST(Volume, UnityIsStoredAsExactlyOne)
 {
     SonraVolumeNode volume(ioService(), FRAME_MS, RATE);
-    volume.setVolume(0.5f);
-    EXPECT_EQ(volume.volume(), 0.5f);
-    volume.setVolume(1.0005f);
-    EXPECT_EQ(volume.volume(), 1.0f);
-    volume.setVolume(0.9995f);
-    EXPECT_EQ(volume.volume(), 1.0f);
+    for (float unity : {1.0005f, 0.9995f}) {
+        volume.setVolume(0.5f);
+        volume.setVolume(unity);
+        EXPECT_EQ(volume.volume(), 1.0f);
+    }
     volume.setVolume(1.002f);
     EXPECT_EQ(volume.volume(), 1.002f);
 }
