@@ -9,6 +9,7 @@
 // Without a sound card, the virtual devices turn a sound file into a WAV of
 // what was played:
 //   sonra-monitor --capture virtual:in.wav --playback virtual:out.wav --seconds 2
+#include "sonratooloptions_p.h"
 #include "sonradevnode.h"
 #include "sonramixernode.h"
 #include "sonravolumenode.h"
@@ -63,40 +64,10 @@ const char* const USAGE =
     "and \"virtual:FILE\" loops the sound file FILE (at the stream's sample rate);\n"
     "as playback, \"virtual\" drops the sound and \"virtual:FILE\" writes a WAV file.\n";
 
-std::string plain(double value)
-{
-    std::ostringstream text;
-    text << value;
-    return text.str();
-}
-
-class UsageError : public std::runtime_error {
-public:
-    using std::runtime_error::runtime_error;
-};
-
-double number(const std::string& option, const std::string& text, double lowest, double highest)
-{
-    std::size_t used = 0;
-    double value = 0;
-    try {
-        value = std::stod(text, &used);
-    } catch (const std::exception&) {
-        used = 0;
-    }
-    if (used != text.size() || text.empty() || !(value >= lowest && value <= highest))
-        throw UsageError(option + " wants a number from " + plain(lowest) + " to " + plain(highest) + ", not \"" +
-                         text + "\"");
-    return value;
-}
-
-unsigned whole(const std::string& option, const std::string& text, unsigned lowest, unsigned highest)
-{
-    const double value = number(option, text, lowest, highest);
-    if (value != static_cast<unsigned>(value))
-        throw UsageError(option + " wants a whole number, not \"" + text + "\"");
-    return static_cast<unsigned>(value);
-}
+using sonratool::UsageError;
+using sonratool::number;
+using sonratool::plain;
+using sonratool::whole;
 
 Options parse(int argc, char** argv)
 {

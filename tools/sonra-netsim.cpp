@@ -2,6 +2,7 @@
 // (Opus encoder, sender, a simulated network, receiver with its jitter
 // buffer, Opus decoder, mixer) and writes what a listener would hear, with
 // a summary of what the network and the jitter buffer did.
+#include "sonratooloptions_p.h"
 #include "sonranetsim_p.h"
 
 #include <sndfile.h>
@@ -59,34 +60,10 @@ const char* const USAGE =
     "  --trace FILE.csv       per-frame trace\n"
     "  --quiet                no summary\n";
 
-struct UsageError : std::runtime_error {
-    using std::runtime_error::runtime_error;
-};
-
-double number(const std::string& option, const std::string& text, double low, double high)
-{
-    std::size_t used = 0;
-    double value = 0;
-    try {
-        value = std::stod(text, &used);
-    } catch (const std::exception&) {
-        used = 0;
-    }
-    if (used == 0 || used != text.size() || !(value >= low && value <= high)) {
-        char range[64];
-        std::snprintf(range, sizeof range, "%g to %g", low, high);
-        throw UsageError(option + ": expected a number from " + range + ", got \"" + text + "\"");
-    }
-    return value;
-}
-
-unsigned whole(const std::string& option, const std::string& text, double low, double high)
-{
-    const double value = number(option, text, low, high);
-    if (value != static_cast<unsigned>(value))
-        throw UsageError(option + ": expected a whole number, got \"" + text + "\"");
-    return static_cast<unsigned>(value);
-}
+using sonratool::UsageError;
+using sonratool::number;
+using sonratool::plain;
+using sonratool::whole;
 
 JitterKind jitterKind(const std::string& text)
 {
