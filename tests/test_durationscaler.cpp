@@ -1,11 +1,8 @@
-// The duration scaler re-chunks a PCM stream: long frames split into graph
-// frames, graph frames gathered into long ones, driven cycle by cycle.
+// The duration scaler splits long frames and gathers short ones, cycle by cycle.
 #include "sonradurationscalernode.h"
-#include "testutil.h"
+#include "signalutil.h"
 
 #include <gtest/gtest.h>
-
-#include <boost/make_shared.hpp>
 
 #include <numeric>
 
@@ -15,241 +12,100 @@ using namespace sonratest;
 namespace {
 
 const unsigned RATE = 16000; // Hz
+const Frame NONE;
+typedef std::vector<std::vector<int16_t> > Outputs;
 
-struct ScalerGraph {
-    ScalerGraph(unsigned inDuration, unsigned outDuration, unsigned graphDuration, unsigned channels = 1)
-        : pipe(boost::make_shared<SonraPipe>(graphDuration)),
-          node(boost::make_shared<SonraDurationScalerNode>(ioService(), inDuration, outDuration, graphDuration, RATE))
+struct ScalerGraph : NodeGraph<SonraDurationScalerNode> {
+    ScalerGraph(unsigned inMs, unsigned outMs, unsigned channels = 1)
+        : NodeGraph(boost::make_shared<SonraDurationScalerNode>(ioService(), inMs, outMs, 20, RATE), RATE, channels) {}
+
+    // The samples out of each cycle (none for no frame) as `inputs` go in.
+    Outputs feed(const std::vector<Frame>& inputs)
     {
-        node->setOutputChannels(channels);
-        pipe->connect(queue.node(graphDuration, RATE, channels), node);
+        Outputs outputs;
+        for (const Frame& in : inputs)
+            outputs.push_back(samplesOf(run(in)));
+        return outputs;
     }
-    ~ScalerGraph() { pipe->clear(); }
-
-    Frame run(const Frame& in = Frame())
-    {
-        queue.push(in);
-        pipe->processFrame();
-        return node->outputData();
-    }
-
-    QueueSource queue;
-    boost::shared_ptr<SonraPipe> pipe;
-    boost::shared_ptr<SonraDurationScalerNode> node;
 };
 
-// Samples first, first + 1, ... so that every piece shows where it came from.
-std::vector<int16_t> ramp(std::size_t count, int first = 1)
+// first, first + 1, ... then `zeros` of silence: each piece shows its origin.
+std::vector<int16_t> ramp(std::size_t count, int first = 1, std::size_t zeros = 0)
 {
-    std::vector<int16_t> samples(count);
-    std::iota(samples.begin(), samples.end(), static_cast<int16_t>(first));
+    std::vector<int16_t> samples(count + zeros, 0);
+    std::iota(samples.begin(), samples.begin() + count, static_cast<int16_t>(first));
     return samples;
-}
-
-std::vector<int16_t> part(const std::vector<int16_t>& samples, std::size_t first, std::size_t count)
-{
-    return std::vector<int16_t>(samples.begin() + first, samples.begin() + first + count);
 }
 
 } // namespace
 
-TEST(DurationScalerSplit, HandsOutOnePiecePerCycle)
+// 60 -> 20 ms: one piece per cycle; what arrives meanwhile (nothing, an empty
+// frame, another long frame) is ignored, and once idle a long frame is taken
+// in at once. 20 -> 60 ms: out on the cycle that completes the frame, a
+// missing input only delays it, and the next frame starts from scratch.
+// Equal durations give a copy at once.
+TEST(DurationScaler, SplitsGathersAndCopies)
 {
-    ScalerGraph graph(60, 20, 20);
-    const std::vector<int16_t> longFrame = ramp(960);
-    const Frame first = graph.run(frameOf(longFrame));
-    const Frame second = graph.run(frameOf(ramp(960, 5000))); // ignored: a frame is being handed out
-    const Frame third = graph.run(frameOf(ramp(960, 9000)));  // ignored too
-    ASSERT_TRUE(first && second && third);
-    EXPECT_EQ(first->size(), 640u);
-    EXPECT_EQ(samplesOf(first), part(longFrame, 0, 320));
-    EXPECT_EQ(samplesOf(second), part(longFrame, 320, 320));
-    EXPECT_EQ(samplesOf(third), part(longFrame, 640, 320));
-    EXPECT_FALSE(graph.run());
-    // Idle again: the next long frame is taken in at once.
-    const Frame next = graph.run(frameOf(ramp(960, 2000)));
-    EXPECT_EQ(samplesOf(next), ramp(320, 2000));
-}
-
-TEST(DurationScalerSplit, MissingInputDoesNotInterruptAFrame)
-{
-    ScalerGraph graph(60, 20, 20);
-    EXPECT_FALSE(graph.run());
-    const std::vector<int16_t> longFrame = ramp(960);
-    graph.run(frameOf(longFrame));
-    EXPECT_EQ(samplesOf(graph.run()), part(longFrame, 320, 320));
-    EXPECT_EQ(samplesOf(graph.run(boost::make_shared<std::vector<char> >())), part(longFrame, 640, 320));
-    EXPECT_FALSE(graph.run(boost::make_shared<std::vector<char> >()));
-}
-
-TEST(DurationScalerGather, EmitsOnTheCycleThatCompletesTheFrame)
-{
-    ScalerGraph graph(20, 60, 20);
-    EXPECT_FALSE(graph.run(frameOf(ramp(320, 1))));
-    EXPECT_FALSE(graph.run()); // no input only delays the output
-    EXPECT_FALSE(graph.run(frameOf(ramp(320, 321))));
-    const Frame gathered = graph.run(frameOf(ramp(320, 641)));
-    ASSERT_TRUE(gathered);
-    EXPECT_EQ(gathered->size(), 1920u);
-    EXPECT_EQ(samplesOf(gathered), ramp(960, 1));
-    // The next frame starts from scratch.
-    EXPECT_FALSE(graph.run(frameOf(ramp(320, 7))));
-}
-
-TEST(DurationScaler, EqualDurationsGiveACopyAtOnce)
-{
-    ScalerGraph graph(20, 20, 20);
-    const Frame in = frameOf(ramp(320));
-    const Frame out = graph.run(in);
-    ASSERT_TRUE(out);
-    EXPECT_NE(out.get(), in.get());
-    EXPECT_EQ(*out, *in);
-    EXPECT_FALSE(graph.run());
-}
-
-TEST(DurationScaler, TwoChannelsDoubleBufferAndPieces)
-{
-    ScalerGraph split(60, 20, 20, 2);
-    const std::vector<int16_t> longFrame = ramp(2 * 960);
-    EXPECT_EQ(samplesOf(split.run(frameOf(longFrame))), part(longFrame, 0, 640));
-    EXPECT_EQ(samplesOf(split.run()), part(longFrame, 640, 640));
-    EXPECT_EQ(samplesOf(split.run()), part(longFrame, 1280, 640));
-    EXPECT_FALSE(split.run());
-
-    ScalerGraph gather(20, 60, 20, 2);
-    EXPECT_FALSE(gather.run(frameOf(ramp(640, 1))));
-    EXPECT_FALSE(gather.run(frameOf(ramp(640, 641))));
-    EXPECT_EQ(samplesOf(gather.run(frameOf(ramp(640, 1281)))), ramp(1920, 1));
-}
-
-// Split then gather gives back the stream, delayed by one long frame less
-// one graph frame; a 40 ms codec frame in a 20 ms graph, for instance.
-TEST(DurationScaler, SplitAndGatherRoundTrip)
-{
-    const unsigned longMs = 40, graphMs = 20;
-    auto pipe = boost::make_shared<SonraPipe>(graphMs);
-    QueueSource queue;
-    auto splitter = boost::make_shared<SonraDurationScalerNode>(ioService(), longMs, graphMs, graphMs, RATE);
-    auto gatherer = boost::make_shared<SonraDurationScalerNode>(ioService(), graphMs, longMs, graphMs, RATE);
-    pipe->connect(queue.node(graphMs, RATE), splitter);
-    pipe->connect(splitter, gatherer);
-
-    std::vector<int16_t> sent, received;
-    for (int k = 0; k < 10; ++k) {
-        if (k % 2 == 0) {
-            const std::vector<int16_t> longFrame = sine(440.0 + 10 * k, RATE, 640);
-            sent.insert(sent.end(), longFrame.begin(), longFrame.end());
-            queue.push(longFrame);
-        } else {
-            queue.push(Frame());
-        }
-        pipe->processFrame();
-        const std::vector<int16_t> out = samplesOf(gatherer->outputData());
-        EXPECT_EQ(out.size(), k % 2 == 1 ? 640u : 0u) << "cycle " << k;
-        received.insert(received.end(), out.begin(), out.end());
+    for (std::size_t ch = 1; ch <= 2; ++ch) {
+        const std::size_t piece = 320 * ch;
+        ScalerGraph split(60, 20, ch), gather(20, 60, ch);
+        EXPECT_EQ(split.feed({NONE, frameOf(ramp(3 * piece)), boost::make_shared<std::vector<char> >(),
+                              frameOf(ramp(3 * piece, 9000)), NONE, frameOf(ramp(3 * piece, 2000))}),
+                  (Outputs{{}, ramp(piece), ramp(piece, 1 + piece), ramp(piece, 1 + 2 * piece), {}, ramp(piece, 2000)}));
+        EXPECT_EQ(gather.feed({frameOf(ramp(piece)), NONE, frameOf(ramp(piece, 1 + piece)),
+                               frameOf(ramp(piece, 1 + 2 * piece)), frameOf(ramp(piece, 7))}),
+                  (Outputs{{}, {}, {}, ramp(3 * piece), {}}));
     }
-    EXPECT_EQ(received, sent);
-    pipe->clear();
-}
-
-TEST(DurationScaler, ResetDropsWhatIsBuffered)
-{
-    ScalerGraph gather(20, 60, 20);
-    gather.run(frameOf(ramp(320, 1)));
-    gather.pipe->reset(0);
-    EXPECT_FALSE(gather.run(frameOf(ramp(320, 1))));
-    EXPECT_FALSE(gather.run(frameOf(ramp(320, 321))));
-    EXPECT_EQ(samplesOf(gather.run(frameOf(ramp(320, 641)))), ramp(960, 1));
-
-    // A split in progress hands out silence for the rest of its frame ...
-    ScalerGraph split(60, 20, 20);
-    split.run(frameOf(ramp(960)));
-    split.pipe->reset(0);
-    EXPECT_EQ(samplesOf(split.run()), std::vector<int16_t>(320, 0));
-    EXPECT_EQ(samplesOf(split.run()), std::vector<int16_t>(320, 0));
-    EXPECT_EQ(samplesOf(split.run()), std::vector<int16_t>(320, 0));
-    EXPECT_FALSE(split.run());
-    // ... unless a new frame comes first: back at the start, it is taken in.
-    split.run(frameOf(ramp(960)));
-    split.pipe->reset(0);
-    EXPECT_EQ(samplesOf(split.run(frameOf(ramp(960, 3000)))), ramp(320, 3000));
+    ScalerGraph equal(20, 20);
+    const Frame in = frameOf(ramp(320));
+    const Frame out = equal.run(in);
+    EXPECT_TRUE(out && out != in && *out == *in);
+    EXPECT_FALSE(equal.run());
 }
 
 // Frames that break the node's assumptions are cut or padded, never copied
-// past either buffer (the sanitizer build watches the copies).
+// past either buffer (the sanitizer build watches): an oversized frame fills
+// the gathered frame or is cut to one long frame, a short one and the last
+// piece of a 50 ms frame are padded with silence, an odd byte does no harm.
 TEST(DurationScaler, FramesOfTheWrongSizeStayInsideTheBuffers)
 {
-    // Gather: an oversized input fills the frame and its excess is dropped.
-    ScalerGraph gather(20, 60, 20);
-    EXPECT_FALSE(gather.run(frameOf(ramp(320, 1))));
-    const Frame full = gather.run(frameOf(ramp(1000, 321)));
-    ASSERT_TRUE(full);
-    EXPECT_EQ(samplesOf(full), ramp(960, 1));
-    EXPECT_FALSE(gather.run(frameOf(ramp(320, 1))));
-
-    // Split: an oversized input is cut to one long frame, a short one is
-    // padded with silence, and a byte too odd for a sample does no harm.
-    ScalerGraph split(60, 20, 20);
-    const std::vector<int16_t> oversized = ramp(2000);
-    EXPECT_EQ(samplesOf(split.run(frameOf(oversized))), part(oversized, 0, 320));
-    EXPECT_EQ(samplesOf(split.run()), part(oversized, 320, 320));
-    EXPECT_EQ(samplesOf(split.run()), part(oversized, 640, 320));
-    std::vector<int16_t> padded = ramp(400);
-    padded.resize(960, 0);
-    EXPECT_EQ(samplesOf(split.run(frameOf(ramp(400)))), part(padded, 0, 320));
-    EXPECT_EQ(samplesOf(split.run()), part(padded, 320, 320));
-    EXPECT_EQ(samplesOf(split.run()), part(padded, 640, 320));
-    const Frame odd = split.run(boost::make_shared<std::vector<char> >(3, '\x7f'));
-    ASSERT_TRUE(odd);
-    EXPECT_EQ(odd->size(), 640u);
+    ScalerGraph gather(20, 60), split(60, 20), uneven(50, 20), unevenGather(20, 50);
+    EXPECT_EQ(gather.feed({frameOf(ramp(320)), frameOf(ramp(1000, 321)), frameOf(ramp(320))}),
+              (Outputs{{}, ramp(960), {}}));
+    EXPECT_EQ(split.feed({frameOf(ramp(2000)), NONE, NONE, frameOf(ramp(400)), NONE, NONE}),
+              (Outputs{ramp(320), ramp(320, 321), ramp(320, 641), ramp(320), ramp(80, 321, 240), ramp(0, 1, 320)}));
+    EXPECT_EQ(samplesOf(split.run(boost::make_shared<std::vector<char> >(3, '\x7f'))).size(), 320u);
+    EXPECT_EQ(uneven.feed({frameOf(ramp(800)), NONE, NONE, NONE}),
+              (Outputs{ramp(320), ramp(320, 321), ramp(160, 641, 160), {}}));
+    EXPECT_EQ(unevenGather.runAll(ramp(960), 320), ramp(800));
 }
 
-// 50 ms does not divide into 20 ms pieces: the last piece is half full and
-// padded with silence, and the frame ends there.
-TEST(DurationScaler, LastPieceOfAnUnevenFrameIsPadded)
+// Reset drops a gathered part; a split in progress hands out silence for the
+// rest of its frame unless a new frame comes first. A channel change
+// mid-frame starts over at the new size (no channels: an empty frame).
+TEST(DurationScaler, ResetAndChannelChangeStartOver)
 {
-    ScalerGraph split(50, 20, 20);
-    const std::vector<int16_t> longFrame = ramp(800);
-    EXPECT_EQ(samplesOf(split.run(frameOf(longFrame))), part(longFrame, 0, 320));
-    EXPECT_EQ(samplesOf(split.run()), part(longFrame, 320, 320));
-    std::vector<int16_t> last = part(longFrame, 640, 160);
-    last.resize(320, 0);
-    EXPECT_EQ(samplesOf(split.run()), last);
-    EXPECT_FALSE(split.run());
-
-    // Gathering 20 ms frames into 50 ms: the third frame is cut to fit.
-    ScalerGraph gather(20, 50, 20);
-    EXPECT_FALSE(gather.run(frameOf(ramp(320, 1))));
-    EXPECT_FALSE(gather.run(frameOf(ramp(320, 321))));
-    EXPECT_EQ(samplesOf(gather.run(frameOf(ramp(320, 641)))), ramp(800, 1));
-}
-
-// A channel change in the middle of a frame starts over at the new size.
-TEST(DurationScaler, ChannelChangeResizesAndClears)
-{
-    ScalerGraph split(60, 20, 20);
-    split.run(frameOf(ramp(960)));
-    split.node->setOutputChannels(2);
-    const Frame silent = split.run();
-    ASSERT_TRUE(silent);
-    EXPECT_EQ(samplesOf(silent), std::vector<int16_t>(640, 0));
-
-    ScalerGraph none(60, 20, 20);
-    none.run(frameOf(ramp(960)));
+    ScalerGraph gather(20, 60), split(60, 20), restarted(60, 20), stereo(60, 20), none(60, 20);
+    for (ScalerGraph* graph : {&gather, &split, &restarted, &stereo, &none})
+        graph->run(frameOf(ramp(graph == &gather ? 320 : 960)));
+    for (ScalerGraph* graph : {&gather, &split, &restarted})
+        graph->pipe->reset(0);
+    stereo.node->setOutputChannels(2);
     none.node->setOutputChannels(0);
+    EXPECT_EQ(gather.runAll(ramp(960), 320), ramp(960));
+    EXPECT_EQ(split.feed({NONE, NONE, NONE, NONE}), (Outputs{ramp(0, 1, 320), ramp(0, 1, 320), ramp(0, 1, 320), {}}));
+    EXPECT_EQ(restarted.feed({frameOf(ramp(960, 3000))}), Outputs{ramp(320, 3000)});
+    EXPECT_EQ(samplesOf(stereo.run()), ramp(0, 1, 640));
     const Frame empty = none.run(frameOf(ramp(960)));
-    ASSERT_TRUE(empty);
-    EXPECT_TRUE(empty->empty());
+    EXPECT_TRUE(empty && empty->empty());
     EXPECT_FALSE(none.run(frameOf(ramp(960))));
 }
 
 TEST(DurationScalerDeathTest, GraphDurationMustBeTheShorterOne)
 {
     EXPECT_DEATH(SonraDurationScalerNode(ioService(), 60, 20, 60, RATE),
-                 "Assertion \"graphFrameDuration==outFrameDuration\" failed in function "
-                 "\"SonraDurationScalerNode\" of \"multimedia/audio2/audio2components/src/"
-                 "sonradurationscalernode\"");
+                 "Assertion \"graphFrameDuration==outFrameDuration\" failed in function \"SonraDurationScalerNode\" "
+                 "of \"multimedia/audio2/audio2components/src/sonradurationscalernode");
     EXPECT_DEATH(SonraDurationScalerNode(ioService(), 20, 60, 60, RATE),
-                 "Assertion \"graphFrameDuration==inFrameDuration\" failed in function "
-                 "\"SonraDurationScalerNode\"");
+                 "Assertion \"graphFrameDuration==inFrameDuration\" failed in function \"SonraDurationScalerNode\"");
 }
