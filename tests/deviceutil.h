@@ -1,4 +1,4 @@
-// Stand-ins for sound devices in the device bridge's tests.
+// Stand-ins for sound devices, and sound files, in the device bridge's tests.
 #ifndef SONRA_DEVICEUTIL_H
 #define SONRA_DEVICEUTIL_H
 
@@ -13,15 +13,14 @@
 #include <unistd.h>
 
 #include <cstdint>
-#include <cstdio>
-#include <cstring>
 #include <string>
 #include <vector>
 
 namespace sonratest {
 
 // A device that records what the container asks of it and keeps the
-// callback, so that a test can play the device's thread.
+// callback, so that a test can play the device's thread (also after stop(),
+// as a late device thread would; forget() drops it).
 class FakeDevice : public ombrel::SonraDevice {
 public:
     std::vector<boost::shared_ptr<ombrel::SonraDeviceInfo> > devices(ombrel::SonraDeviceInfo::DeviceType type) override
@@ -39,8 +38,6 @@ public:
             *message = messageToWrite;
         return startResult;
     }
-    // Keeps the callback, so that a test can call back after stop() as a
-    // late device thread would; a test drops it with forget().
     void stop() override { ++stops; }
     void forget() { callback = Callback(); }
     void workCycle() override { ++workCycles; }
@@ -66,39 +63,28 @@ public:
         lastSampleRate = sampleRate;
         return device;
     }
-
     boost::shared_ptr<ombrel::SonraDevice> device; // may be empty
     int calls = 0;
     bool lastCapture = true;
     unsigned lastSampleRate = 0;
 };
 
-// Collects log records while alive and enables one debug category.
-class LogCapture {
-public:
-    explicit LogCapture(const std::string& category = "audio2") : m_category(category)
+// Collects the texts of one severity in category "audio2" while alive.
+struct LogCapture {
+    explicit LogCapture(ombrel::LogSeverity severity)
     {
-        ombrel::setDebugEnabled(category, true);
-        ombrel::setLogSink([this](const ombrel::LogRecord& record) { records.push_back(record); });
+        ombrel::setDebugEnabled("audio2", true);
+        ombrel::setLogSink([this, severity](const ombrel::LogRecord& r) {
+            if (r.severity == severity && r.category == "audio2")
+                texts.push_back(r.text);
+        });
     }
     ~LogCapture()
     {
         ombrel::setLogSink(ombrel::LogSink());
-        ombrel::setDebugEnabled(m_category, false);
+        ombrel::setDebugEnabled("audio2", false);
     }
-    std::vector<std::string> texts(ombrel::LogSeverity severity) const
-    {
-        std::vector<std::string> found;
-        for (const auto& record : records)
-            if (record.severity == severity && record.category == m_category)
-                found.push_back(record.text);
-        return found;
-    }
-
-    std::vector<ombrel::LogRecord> records;
-
-private:
-    std::string m_category;
+    std::vector<std::string> texts;
 };
 
 // A file name in the test's temporary folder, unique to this process.
@@ -107,11 +93,10 @@ inline std::string tempPath(const std::string& name)
     return ::testing::TempDir() + "sonra_" + std::to_string(::getpid()) + "_" + name;
 }
 
-// Writes 16-bit PCM WAV with libsndfile; false when it cannot.
+// 16-bit PCM WAV through libsndfile; false when it cannot.
 inline bool writeWav(const std::string& path, const std::vector<int16_t>& samples, int sampleRate, int channels)
 {
-    SF_INFO info;
-    std::memset(&info, 0, sizeof info);
+    SF_INFO info = SF_INFO();
     info.samplerate = sampleRate;
     info.channels = channels;
     info.format = SF_FORMAT_WAV | SF_FORMAT_PCM_16;
@@ -126,16 +111,14 @@ inline bool writeWav(const std::string& path, const std::vector<int16_t>& sample
 
 struct WavContents {
     bool ok = false;
-    int sampleRate = 0;
-    int channels = 0;
+    int sampleRate = 0, channels = 0;
     std::vector<int16_t> samples;
 };
 
 inline WavContents readWav(const std::string& path)
 {
     WavContents contents;
-    SF_INFO info;
-    std::memset(&info, 0, sizeof info);
+    SF_INFO info = SF_INFO();
     SNDFILE* file = sf_open(path.c_str(), SFM_READ, &info);
     if (!file)
         return contents;
@@ -145,6 +128,27 @@ inline WavContents readWav(const std::string& path)
     contents.ok = sf_readf_short(file, contents.samples.data(), info.frames) == info.frames;
     sf_close(file);
     return contents;
+}
+
+// What a monitor loop played: whole blocks of silence (played before the
+// graph's first frame), then the input looping sample for sample. A late
+// frame on a busy machine plays silence, so later zeros are skipped.
+inline void expectInputAfterBlockDelay(const std::vector<int16_t>& played, const std::vector<int16_t>& input,
+                                       std::size_t block)
+{
+    std::size_t delay = 0;
+    while (delay < played.size() && played[delay] == 0)
+        ++delay;
+    EXPECT_EQ(0u, delay % block);
+    EXPECT_GE(delay, block);
+    EXPECT_LE(delay, 10 * block);
+    std::vector<int16_t> heard;
+    for (std::size_t i = delay; i < played.size(); ++i)
+        if (played[i] != 0)
+            heard.push_back(played[i]);
+    ASSERT_GE(heard.size(), input.size());
+    for (std::size_t i = 0; i < heard.size(); ++i)
+        ASSERT_EQ(input[i % input.size()], heard[i]) << "sample " << i;
 }
 
 } // namespace sonratest
