@@ -2,7 +2,6 @@
 #ifndef SONRA_DEVICEUTIL_H
 #define SONRA_DEVICEUTIL_H
 
-#include "shared.h"
 #include "sonrauniversaldev.h"
 
 #include <gtest/gtest.h>
@@ -21,8 +20,7 @@ namespace sonratest {
 // A device that records what the container asks of it and keeps the
 // callback, so that a test can play the device's thread (also after stop(),
 // as a late device thread would; forget() drops it).
-class FakeDevice : public ombrel::SonraDevice {
-public:
+struct FakeDevice : ombrel::SonraDevice {
     std::vector<boost::shared_ptr<ombrel::SonraDeviceInfo> > devices(ombrel::SonraDeviceInfo::DeviceType type) override
     {
         askedTypes.push_back(type);
@@ -44,18 +42,15 @@ public:
     bool hasVoicePreprocessor() override { return preprocessor; }
     void reset() override { ++resets; }
 
-    int startResult = 0;
-    std::string messageToWrite; // left alone when empty
+    int startResult = 0, starts = 0, stops = 0, workCycles = 0, resets = 0;
+    std::string messageToWrite, messageOnEntry; // messageToWrite: left alone when empty
     bool preprocessor = false;
-    int starts = 0, stops = 0, workCycles = 0, resets = 0;
-    std::string messageOnEntry;
     ombrel::SonraStreamConfiguration lastConfiguration;
     Callback callback;
     std::vector<ombrel::SonraDeviceInfo::DeviceType> askedTypes;
 };
 
-class FakeBuilder : public ombrel::SonraDeviceBuilder {
-public:
+struct FakeBuilder : ombrel::SonraDeviceBuilder {
     boost::shared_ptr<ombrel::SonraDevice> buildDevice(bool capture, unsigned sampleRate) override
     {
         ++calls;
@@ -67,24 +62,6 @@ public:
     int calls = 0;
     bool lastCapture = true;
     unsigned lastSampleRate = 0;
-};
-
-// Collects the texts of one severity in category "audio2" while alive.
-struct LogCapture {
-    explicit LogCapture(ombrel::LogSeverity severity)
-    {
-        ombrel::setDebugEnabled("audio2", true);
-        ombrel::setLogSink([this, severity](const ombrel::LogRecord& r) {
-            if (r.severity == severity && r.category == "audio2")
-                texts.push_back(r.text);
-        });
-    }
-    ~LogCapture()
-    {
-        ombrel::setLogSink(ombrel::LogSink());
-        ombrel::setDebugEnabled("audio2", false);
-    }
-    std::vector<std::string> texts;
 };
 
 // A file name in the test's temporary folder, unique to this process.
@@ -110,45 +87,23 @@ inline bool writeWav(const std::string& path, const std::vector<int16_t>& sample
 }
 
 struct WavContents {
-    bool ok = false;
     int sampleRate = 0, channels = 0;
-    std::vector<int16_t> samples;
+    std::vector<int16_t> samples; // empty when unreadable
 };
 
 inline WavContents readWav(const std::string& path)
 {
     WavContents contents;
     SF_INFO info = SF_INFO();
-    SNDFILE* file = sf_open(path.c_str(), SFM_READ, &info);
-    if (!file)
-        return contents;
-    contents.sampleRate = info.samplerate;
-    contents.channels = info.channels;
-    contents.samples.resize(static_cast<std::size_t>(info.frames) * info.channels);
-    contents.ok = sf_readf_short(file, contents.samples.data(), info.frames) == info.frames;
-    sf_close(file);
+    if (SNDFILE* file = sf_open(path.c_str(), SFM_READ, &info)) {
+        contents.sampleRate = info.samplerate;
+        contents.channels = info.channels;
+        contents.samples.resize(static_cast<std::size_t>(info.frames) * info.channels);
+        const sf_count_t read = sf_readf_short(file, contents.samples.data(), info.frames);
+        contents.samples.resize(static_cast<std::size_t>(read) * info.channels);
+        sf_close(file);
+    }
     return contents;
-}
-
-// What a monitor loop played: whole blocks of silence (played before the
-// graph's first frame), then the input looping sample for sample. A late
-// frame on a busy machine plays silence, so later zeros are skipped.
-inline void expectInputAfterBlockDelay(const std::vector<int16_t>& played, const std::vector<int16_t>& input,
-                                       std::size_t block)
-{
-    std::size_t delay = 0;
-    while (delay < played.size() && played[delay] == 0)
-        ++delay;
-    EXPECT_EQ(0u, delay % block);
-    EXPECT_GE(delay, block);
-    EXPECT_LE(delay, 10 * block);
-    std::vector<int16_t> heard;
-    for (std::size_t i = delay; i < played.size(); ++i)
-        if (played[i] != 0)
-            heard.push_back(played[i]);
-    ASSERT_GE(heard.size(), input.size());
-    for (std::size_t i = 0; i < heard.size(); ++i)
-        ASSERT_EQ(input[i % input.size()], heard[i]) << "sample " << i;
 }
 
 } // namespace sonratest

@@ -5,9 +5,11 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <fstream>
+#include <iterator>
 #include <string>
 #include <sys/wait.h>
 
@@ -52,9 +54,9 @@ TEST_F(Monitor, TurnsASoundFileIntoTheWavItPlayed)
     // 1 s of a tone above zero everywhere, so that any gap would show.
     ASSERT_EQ(0, run("sox -n -r 16000 -c 1 -b 16 " + in + " synth 1 sine 440 vol 0.3 dcshift 0.4").exitCode)
         << "sox is needed (scripts/bootstrap installs it)";
-    const auto input = sonratest::readWav(in);
-    ASSERT_EQ(16000u, input.samples.size());
-    ASSERT_EQ(input.samples.end(), std::find(input.samples.begin(), input.samples.end(), 0));
+    const auto input = sonratest::readWav(in).samples;
+    ASSERT_EQ(16000u, input.size());
+    ASSERT_EQ(input.end(), std::find(input.begin(), input.end(), 0));
 
     const Result monitor = run(TOOL + " --capture virtual:" + in + " --playback virtual:" + out + " --seconds 1.5 --volume 1");
     ASSERT_EQ(0, monitor.exitCode) << monitor.output;
@@ -65,10 +67,21 @@ TEST_F(Monitor, TurnsASoundFileIntoTheWavItPlayed)
     for (const char* line : {"Sample Rate    : 16000", "Channels       : 1", "Precision      : 16-bit"})
         EXPECT_NE(std::string::npos, soxi.output.find(line)) << soxi.output;
 
-    const auto played = sonratest::readWav(out);
-    EXPECT_GT(played.samples.size(), 16000 * 1.2);
-    EXPECT_LT(played.samples.size(), 16000 * 3.0);
-    sonratest::expectInputAfterBlockDelay(played.samples, input.samples, 320); // 20 ms blocks
+    // Whole blocks of silence (played before the graph's first frame), then
+    // the file looping sample for sample; a late frame on a busy machine
+    // plays silence, so later zeros are skipped.
+    const auto played = sonratest::readWav(out).samples;
+    EXPECT_GT(played.size(), 16000 * 1.2);
+    EXPECT_LT(played.size(), 16000 * 3.0);
+    const std::size_t delay = std::find_if(played.begin(), played.end(), [](int16_t s) { return s != 0; }) - played.begin();
+    EXPECT_EQ(0u, delay % 320); // 20 ms blocks
+    EXPECT_GE(delay, 320u);
+    EXPECT_LE(delay, 3200u);
+    std::vector<int16_t> heard;
+    std::copy_if(played.begin() + delay, played.end(), std::back_inserter(heard), [](int16_t s) { return s != 0; });
+    ASSERT_GT(heard.size(), input.size());
+    for (std::size_t i = 0; i < heard.size(); ++i)
+        ASSERT_EQ(input[i % input.size()], heard[i]) << "sample " << i;
     std::remove(in.c_str());
     std::remove(out.c_str());
 }
