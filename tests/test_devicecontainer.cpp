@@ -246,8 +246,6 @@ TEST(DeviceContainer, CaptureFramesAreFullAndZeroFilled)
     ASSERT_EQ(0, f.container->start(1, 2, nullptr));
     f.block("first", 0);
     EXPECT_EQ(std::string(8, '?'), f.block("second", 8, 1)); // a flagged block is left alone
-    EXPECT_TRUE(f.device->callback("abc", 0, nullptr, 0, 0));
-    EXPECT_TRUE(f.device->callback(nullptr, 3, nullptr, 0, 0));
     EXPECT_EQ("first" + zeros(2 * FRAME_BYTES - 5), textOf(f.container->processCapture()));
 
     ASSERT_EQ(0, f.container->start(-1, -2, nullptr)); // negative counts are 0
@@ -257,21 +255,6 @@ TEST(DeviceContainer, CaptureFramesAreFullAndZeroFilled)
     EXPECT_EQ("", textOf(f.container->processCapture())); // present, empty, nothing taken
     ASSERT_EQ(0, f.container->start(1, 1, nullptr));
     EXPECT_EQ("0 channels", textOf(f.container->processCapture()).substr(0, 10));
-}
-
-TEST(DeviceContainer, PlaybackTakesOnlyTheFirstInput)
-{
-    Fixture f;
-    ASSERT_EQ(0, f.container->start(1, 1, nullptr));
-    sonratest::QueueSource second;
-    f.pipe->connect(second.node(FRAME_MS, RATE), f.container->playback());
-    second.push(frameOf({7}));
-    f.play(Frame()); // the first input is empty: nothing queued
-    EXPECT_EQ(zeros(4), f.block("", 4));
-    second.push(frameOf({0x6364}));
-    f.play(frameOf({0x6162, 0x4142}));
-    EXPECT_TRUE(f.device->callback(nullptr, 0, nullptr, 4, 0)); // no room: stays queued
-    EXPECT_EQ(std::string("baBA\0\0", 6), f.block("", 6));
 }
 
 // A device whose thread keeps calling back while the container goes away,

@@ -100,7 +100,6 @@ TEST_F(Monitor, ListsTheDevicesAndSaysClearlyWhatIsWrong)
     } errors[] = {
         {" --capture 'no such mic' --playback virtual --seconds 1", 1,
          "Invalid device: there is no capture device named \"no such mic\" (code -9996)"},
-        {" --capture virtual --playback virtual:/nonexistent/dir/out.wav --seconds 1", 1, "cannot write the sound file"},
         {" --volume loud", 2, "--volume wants a number"},
     };
     for (const auto& e : errors) {
