@@ -1,8 +1,7 @@
-// Stand-ins for sound devices in the device bridge's tests.
+// Stand-ins for sound devices, and sound files, in the device bridge's tests.
 #ifndef SONRA_DEVICEUTIL_H
 #define SONRA_DEVICEUTIL_H
 
-#include "shared.h"
 #include "sonrauniversaldev.h"
 
 #include <gtest/gtest.h>
@@ -13,17 +12,15 @@
 #include <unistd.h>
 
 #include <cstdint>
-#include <cstdio>
-#include <cstring>
 #include <string>
 #include <vector>
 
 namespace sonratest {
 
 // A device that records what the container asks of it and keeps the
-// callback, so that a test can play the device's thread.
-class FakeDevice : public ombrel::SonraDevice {
-public:
+// callback, so that a test can play the device's thread (also after stop(),
+// as a late device thread would; forget() drops it).
+struct FakeDevice : ombrel::SonraDevice {
     std::vector<boost::shared_ptr<ombrel::SonraDeviceInfo> > devices(ombrel::SonraDeviceInfo::DeviceType type) override
     {
         askedTypes.push_back(type);
@@ -39,26 +36,21 @@ public:
             *message = messageToWrite;
         return startResult;
     }
-    // Keeps the callback, so that a test can call back after stop() as a
-    // late device thread would; a test drops it with forget().
     void stop() override { ++stops; }
     void forget() { callback = Callback(); }
     void workCycle() override { ++workCycles; }
     bool hasVoicePreprocessor() override { return preprocessor; }
     void reset() override { ++resets; }
 
-    int startResult = 0;
-    std::string messageToWrite; // left alone when empty
+    int startResult = 0, starts = 0, stops = 0, workCycles = 0, resets = 0;
+    std::string messageToWrite, messageOnEntry; // messageToWrite: left alone when empty
     bool preprocessor = false;
-    int starts = 0, stops = 0, workCycles = 0, resets = 0;
-    std::string messageOnEntry;
     ombrel::SonraStreamConfiguration lastConfiguration;
     Callback callback;
     std::vector<ombrel::SonraDeviceInfo::DeviceType> askedTypes;
 };
 
-class FakeBuilder : public ombrel::SonraDeviceBuilder {
-public:
+struct FakeBuilder : ombrel::SonraDeviceBuilder {
     boost::shared_ptr<ombrel::SonraDevice> buildDevice(bool capture, unsigned sampleRate) override
     {
         ++calls;
@@ -66,39 +58,10 @@ public:
         lastSampleRate = sampleRate;
         return device;
     }
-
     boost::shared_ptr<ombrel::SonraDevice> device; // may be empty
     int calls = 0;
     bool lastCapture = true;
     unsigned lastSampleRate = 0;
-};
-
-// Collects log records while alive and enables one debug category.
-class LogCapture {
-public:
-    explicit LogCapture(const std::string& category = "audio2") : m_category(category)
-    {
-        ombrel::setDebugEnabled(category, true);
-        ombrel::setLogSink([this](const ombrel::LogRecord& record) { records.push_back(record); });
-    }
-    ~LogCapture()
-    {
-        ombrel::setLogSink(ombrel::LogSink());
-        ombrel::setDebugEnabled(m_category, false);
-    }
-    std::vector<std::string> texts(ombrel::LogSeverity severity) const
-    {
-        std::vector<std::string> found;
-        for (const auto& record : records)
-            if (record.severity == severity && record.category == m_category)
-                found.push_back(record.text);
-        return found;
-    }
-
-    std::vector<ombrel::LogRecord> records;
-
-private:
-    std::string m_category;
 };
 
 // A file name in the test's temporary folder, unique to this process.
@@ -107,11 +70,10 @@ inline std::string tempPath(const std::string& name)
     return ::testing::TempDir() + "sonra_" + std::to_string(::getpid()) + "_" + name;
 }
 
-// Writes 16-bit PCM WAV with libsndfile; false when it cannot.
+// 16-bit PCM WAV through libsndfile; false when it cannot.
 inline bool writeWav(const std::string& path, const std::vector<int16_t>& samples, int sampleRate, int channels)
 {
-    SF_INFO info;
-    std::memset(&info, 0, sizeof info);
+    SF_INFO info = SF_INFO();
     info.samplerate = sampleRate;
     info.channels = channels;
     info.format = SF_FORMAT_WAV | SF_FORMAT_PCM_16;
@@ -125,25 +87,22 @@ inline bool writeWav(const std::string& path, const std::vector<int16_t>& sample
 }
 
 struct WavContents {
-    bool ok = false;
-    int sampleRate = 0;
-    int channels = 0;
-    std::vector<int16_t> samples;
+    int sampleRate = 0, channels = 0;
+    std::vector<int16_t> samples; // empty when unreadable
 };
 
 inline WavContents readWav(const std::string& path)
 {
     WavContents contents;
-    SF_INFO info;
-    std::memset(&info, 0, sizeof info);
-    SNDFILE* file = sf_open(path.c_str(), SFM_READ, &info);
-    if (!file)
-        return contents;
-    contents.sampleRate = info.samplerate;
-    contents.channels = info.channels;
-    contents.samples.resize(static_cast<std::size_t>(info.frames) * info.channels);
-    contents.ok = sf_readf_short(file, contents.samples.data(), info.frames) == info.frames;
-    sf_close(file);
+    SF_INFO info = SF_INFO();
+    if (SNDFILE* file = sf_open(path.c_str(), SFM_READ, &info)) {
+        contents.sampleRate = info.samplerate;
+        contents.channels = info.channels;
+        contents.samples.resize(static_cast<std::size_t>(info.frames) * info.channels);
+        const sf_count_t read = sf_readf_short(file, contents.samples.data(), info.frames);
+        contents.samples.resize(static_cast<std::size_t>(read) * info.channels);
+        sf_close(file);
+    }
     return contents;
 }
 
