@@ -92,6 +92,8 @@ TEST(Resampler, StereoChannelsStayApart)
     ResamplerGraph stereo(16000, 48000, 2), monoLeft(16000, 48000), monoRight(16000, 48000);
     monoLeft.runAll(right, 320);
     monoLeft.pipe->reset(0);
+    stereo.runAll(interleave(right, left), 640);
+    stereo.pipe->reset(0);
     const std::vector<int16_t> both = stereo.runAll(interleave(left, right), 640);
     ASSERT_EQ(both.size(), 2u * 9600);
     EXPECT_EQ(both, interleave(monoLeft.runAll(left, 320), monoRight.runAll(right, 320)));

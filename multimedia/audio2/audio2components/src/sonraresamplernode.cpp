@@ -51,8 +51,14 @@ void SonraResamplerNode::doSetOutputChannels(unsigned channels)
 
 void SonraResamplerNode::reset(unsigned /*offset*/)
 {
-    if (d->m_resampler)
-        speex_resampler_reset_mem(d->m_resampler.get());
+    if (!d->m_resampler)
+        return;
+    speex_resampler_reset_mem(d->m_resampler.get());
+    // SpeexDSP's reset clears only the first channel's whole history (the
+    // later channels' histories start past the span it zeroes), so a
+    // multi-channel state is built afresh: the same as a cleared history.
+    if (outputChannels() > 1)
+        doSetOutputChannels(outputChannels());
 }
 
 boost::shared_ptr<std::vector<char> > SonraResamplerNode::doProcess()
