@@ -10,7 +10,6 @@
 #include <unistd.h>
 
 #include <cstdio>
-#include <cstdlib>
 #include <fstream>
 #include <random>
 #include <string>
@@ -67,8 +66,7 @@ inline Samples noise(std::size_t count, unsigned seed, int amplitude = 20000)
     std::mt19937 generator(seed);
     std::uniform_int_distribution<int> distribution(-amplitude, amplitude);
     Samples samples(count);
-    for (int16_t& sample : samples)
-        sample = static_cast<int16_t>(distribution(generator));
+    std::generate(samples.begin(), samples.end(), [&] { return static_cast<int16_t>(distribution(generator)); });
     return samples;
 }
 
