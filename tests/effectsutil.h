@@ -1,5 +1,5 @@
-// Helpers for the effect nodes' tests: driving a node frame by frame, sox as
-// an independent judge, and finding the pitch of a tone.
+// Helpers for the effect nodes' tests: a node driven frame by frame, sox as an
+// independent judge, and the pitch of a tone.
 #ifndef SONRA_EFFECTSUTIL_H
 #define SONRA_EFFECTSUTIL_H
 
@@ -10,127 +10,100 @@
 #include <unistd.h>
 
 #include <cstdio>
-#include <cstdlib>
 #include <fstream>
-#include <iterator>
 #include <random>
-#include <sstream>
 #include <string>
 
 namespace effectstest {
 
 using sonratest::Frame;
+using Samples = std::vector<int16_t>;
 
-// A pipe that feeds `node` from a queue: push frames (or nothing, for a
-// gap), then step() runs one graph frame and returns the node's output.
+inline Samples slice(const Samples& samples, std::size_t first, std::size_t count)
+{
+    return Samples(samples.begin() + first, samples.begin() + first + count);
+}
+
+inline void append(Samples& to, const Samples& samples) { to.insert(to.end(), samples.begin(), samples.end()); }
+
+// A pipe that feeds `node` from a queue; a step without a frame is a gap.
 template <typename Node>
-class Rig {
-public:
-    Rig(boost::shared_ptr<Node> node, unsigned inputChannels = 1)
-        : m_pipe(boost::make_shared<ombrel::SonraPipe>(node->frameDuration())), m_node(node)
-    {
-        m_pipe->connect(m_queue.node(node->frameDuration(), node->sampleRate(), inputChannels), node);
-    }
-    ~Rig() { m_pipe->clear(); }
+struct Rig {
+    sonratest::QueueSource queue;
+    boost::shared_ptr<ombrel::SonraPipe> pipe;
+    boost::shared_ptr<Node> node;
 
+    explicit Rig(boost::shared_ptr<Node> n, unsigned inputChannels = 1)
+        : pipe(boost::make_shared<ombrel::SonraPipe>(n->frameDuration())), node(n)
+    {
+        pipe->connect(queue.node(n->frameDuration(), n->sampleRate(), inputChannels), n);
+    }
+    ~Rig() { pipe->clear(); }
     Frame step(const Frame& in)
     {
         if (in)
-            m_queue.push(in);
-        m_pipe->processFrame();
-        return m_node->outputData();
+            queue.push(in);
+        pipe->processFrame();
+        return node->outputData();
     }
-    Frame step(const std::vector<int16_t>& in) { return step(sonratest::frameOf(in)); }
+    Frame step(const Samples& in) { return step(sonratest::frameOf(in)); }
     Frame gap() { return step(Frame()); }
-
-    ombrel::SonraPipe& pipe() { return *m_pipe; }
-
-private:
-    sonratest::QueueSource m_queue;
-    boost::shared_ptr<ombrel::SonraPipe> m_pipe;
-    boost::shared_ptr<Node> m_node;
+    Samples run(const Samples& in) { return sonratest::samplesOf(step(in)); }
+    // Feeds `signal` in frames of the given lengths, cycling through them.
+    Samples runInPieces(const Samples& signal, const std::vector<std::size_t>& lengths)
+    {
+        Samples out;
+        for (std::size_t first = 0, piece = 0, count; first < signal.size(); first += count, ++piece) {
+            count = std::min(lengths[piece % lengths.size()], signal.size() - first);
+            append(out, run(slice(signal, first, count)));
+        }
+        return out;
+    }
 };
 
-inline std::vector<int16_t> noise(std::size_t count, unsigned seed, int amplitude = 20000)
+inline Samples noise(std::size_t count, unsigned seed, int amplitude = 20000)
 {
     std::mt19937 generator(seed);
     std::uniform_int_distribution<int> distribution(-amplitude, amplitude);
-    std::vector<int16_t> samples(count);
-    for (int16_t& sample : samples)
-        sample = static_cast<int16_t>(distribution(generator));
+    Samples samples(count);
+    std::generate(samples.begin(), samples.end(), [&] { return static_cast<int16_t>(distribution(generator)); });
     return samples;
 }
 
-inline std::vector<int16_t> slice(const std::vector<int16_t>& samples, std::size_t first, std::size_t count)
+inline Samples channel(const Samples& interleaved, unsigned channels, unsigned channel)
 {
-    return std::vector<int16_t>(samples.begin() + first, samples.begin() + first + count);
-}
-
-inline void append(std::vector<int16_t>& to, const std::vector<int16_t>& samples)
-{
-    to.insert(to.end(), samples.begin(), samples.end());
-}
-
-// Every `channels`-th sample from `channel` on.
-inline std::vector<int16_t> channel(const std::vector<int16_t>& interleaved, unsigned channels, unsigned channel)
-{
-    std::vector<int16_t> samples;
+    Samples samples;
     for (std::size_t k = channel; k < interleaved.size(); k += channels)
         samples.push_back(interleaved[k]);
     return samples;
 }
 
-inline std::vector<int16_t> interleave(const std::vector<int16_t>& left, const std::vector<int16_t>& right)
+// sox -D -t raw ... in -t raw -c outChannels - EFFECTS on 16-bit native PCM.
+inline Samples sox(const Samples& in, unsigned rate, unsigned inChannels, unsigned outChannels, const std::string& effects)
 {
-    std::vector<int16_t> samples;
-    for (std::size_t k = 0; k < left.size(); ++k) {
-        samples.push_back(left[k]);
-        samples.push_back(right[k]);
-    }
-    return samples;
-}
-
-// Runs sox on raw 16-bit native-endian PCM, without dither, and returns
-// what it writes: sox -D -t raw ... in -t raw -c outChannels out EFFECTS.
-inline std::vector<int16_t> sox(const std::vector<int16_t>& in, unsigned sampleRate, unsigned inChannels,
-                                unsigned outChannels, const std::string& effects)
-{
-    const std::string stem = "effects-sox-" + std::to_string(::getpid()) + "-" +
-                             ::testing::UnitTest::GetInstance()->current_test_info()->name();
-    const std::string inPath = stem + "-in.raw";
-    const std::string outPath = stem + "-out.raw";
-    {
-        std::ofstream file(inPath, std::ios::binary);
-        file.write(reinterpret_cast<const char*>(in.data()), static_cast<std::streamsize>(in.size() * 2));
-    }
-    std::ostringstream command;
-    command << "sox -D -V1 -t raw -r " << sampleRate << " -e signed -b 16 -c " << inChannels << " " << inPath
-            << " -t raw -e signed -b 16 -c " << outChannels << " " << outPath << " " << effects;
-    const int status = std::system(command.str().c_str());
-    std::ifstream file(outPath, std::ios::binary);
-    const std::string bytes((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
-    std::remove(inPath.c_str());
-    std::remove(outPath.c_str());
-    EXPECT_EQ(0, status) << command.str();
-    std::vector<int16_t> out(bytes.size() / 2);
-    if (!out.empty())
-        std::memcpy(out.data(), bytes.data(), out.size() * 2);
+    const std::string path = "effects-sox-" + std::to_string(::getpid()) + ".raw";
+    std::ofstream(path, std::ios::binary).write(reinterpret_cast<const char*>(in.data()), in.size() * 2);
+    const std::string command = "sox -D -V1 -t raw -r " + std::to_string(rate) + " -e signed -b 16 -c " +
+                                std::to_string(inChannels) + " " + path + " -t raw -e signed -b 16 -c " +
+                                std::to_string(outChannels) + " - " + effects;
+    FILE* pipe = ::popen(command.c_str(), "r");
+    Samples out(4 * in.size() + 1024);
+    out.resize(std::fread(out.data(), 2, out.size(), pipe));
+    EXPECT_EQ(0, ::pclose(pipe)) << command;
+    std::remove(path.c_str());
     return out;
 }
 
-// The frequency in [low, high] where the signal is strongest: a Goertzel
-// scan in 1 Hz steps, then in 0.1 Hz steps around the best of them.
-inline double dominantFrequency(const std::vector<int16_t>& samples, unsigned sampleRate, double low, double high)
+// The strongest frequency in [low, high]: a Goertzel scan in 1 Hz steps, then
+// in 0.1 Hz steps around the best of them.
+inline double dominantFrequency(const Samples& samples, unsigned sampleRate, double low, double high)
 {
     const auto strongest = [&](double from, double to, double step) {
-        double best = from;
-        double bestAmplitude = -1;
+        double best = from, bestAmplitude = -1;
         for (double frequency = from; frequency <= to; frequency += step) {
             const double amplitude = sonratest::toneAmplitude(samples, frequency, sampleRate);
-            if (amplitude > bestAmplitude) {
-                bestAmplitude = amplitude;
-                best = frequency;
-            }
+            if (amplitude > bestAmplitude)
+                bestAmplitude = amplitude, best = frequency;
         }
         return best;
     };
