@@ -6,7 +6,6 @@
 #include "testutil.h"
 
 #include <gtest/gtest.h>
-#include <opus.h>
 
 #include <unistd.h>
 
@@ -37,30 +36,6 @@ Config configWith(Codec codec, double baseDelay)
 std::vector<int16_t> frameAt(const std::vector<int16_t>& samples, std::size_t frame)
 {
     return std::vector<int16_t>(samples.begin() + frame * FRAME_SAMPLES, samples.begin() + (frame + 1) * FRAME_SAMPLES);
-}
-
-// What encoder, decoder and mixer make of the input with no network between.
-std::vector<int16_t> codecOnly(const std::vector<int16_t>& input)
-{
-    using namespace ombrel;
-    sonratest::QueueSource source;
-    for (std::size_t frame = 0; frame < input.size() / FRAME_SAMPLES; ++frame)
-        source.push(frameAt(input, frame));
-    auto pipe = boost::make_shared<SonraPipe>(20);
-    auto encoder = boost::make_shared<SonraOpusEncNode>(sonratest::ioService(), 20, RATE);
-    auto decoder = boost::make_shared<SonraOpusDecNode>(sonratest::ioService(), 20, RATE);
-    auto mixer = boost::make_shared<SonraMixerNode>(sonratest::ioService(), 20, RATE);
-    pipe->connect(source.node(20, RATE), encoder);
-    pipe->connect(encoder, decoder);
-    pipe->connect(decoder, mixer);
-    std::vector<int16_t> output;
-    while (source.pending() != 0) {
-        pipe->processFrame();
-        const std::vector<int16_t> samples = sonratest::samplesOf(mixer->outputData());
-        output.insert(output.end(), samples.begin(), samples.end());
-    }
-    pipe->clear();
-    return output;
 }
 
 std::vector<unsigned> playedSeqNums(const Result& result)
@@ -119,23 +94,17 @@ TEST(NetSim, WithoutLossPcmComesBackExactlyAfterTheNetworkDelay)
     EXPECT_EQ(640, summary.fixedLag);
 }
 
-TEST(NetSim, WithoutLossOpusGivesWhatTheCodecAloneGives)
+// Through Opus the signal survives; one more frame of network delay only
+// delays the same decoded frames by one frame.
+TEST(NetSim, WithoutLossOpusOutputOnlyShiftsWithTheNetworkDelay)
 {
     const std::vector<int16_t> input = speech(2.0);
-    const Result result = simulate(input, configWith(Codec::Opus, 50)); // delivered 3 frames after sending
-    const std::vector<int16_t> reference = codecOnly(input);
-    ASSERT_EQ(100u, result.summary.played);
+    const Result early = simulate(input, configWith(Codec::Opus, 30)), late = simulate(input, configWith(Codec::Opus, 50));
+    ASSERT_EQ(100u, late.summary.played);
     for (std::size_t frame = 0; frame < 100; ++frame)
-        ASSERT_EQ(frameAt(reference, frame), frameAt(result.output, frame + 3)) << frame;
-    // The signal itself survives, late by the encoder's lookahead.
-    int error = 0;
-    OpusEncoder* encoder = opus_encoder_create(RATE, 1, OPUS_APPLICATION_VOIP, &error);
-    opus_int32 lookahead = 0;
-    opus_encoder_ctl(encoder, OPUS_GET_LOOKAHEAD(&lookahead));
-    opus_encoder_destroy(encoder);
-    EXPECT_NEAR(lookahead, result.summary.codecDelay, 2);
-    EXPECT_GT(result.summary.snr, 8.0);
-    EXPECT_NEAR(result.summary.snr, result.summary.fixedLagSnr, 0.5);
+        ASSERT_EQ(frameAt(early.output, frame + 2), frameAt(late.output, frame + 3)) << frame;
+    EXPECT_GT(late.summary.snr, 8.0);
+    EXPECT_NEAR(late.summary.snr, late.summary.fixedLagSnr, 0.5);
 }
 
 TEST(NetSim, WithLossEveryPacketThatArrivedIsPlayedOnceInOrder)
@@ -270,12 +239,10 @@ TEST(NetSimTool, PlaysAFileAndSoxAgrees)
     const std::string dir = std::string(folder) + "/";
     ASSERT_EQ(0, std::system(("sox -n -r 44100 -c 2 -b 16 " + dir + "in.wav synth 1.0 sine 440 sine 660 gain -6")
                                  .c_str()));
-    const std::string summary = commandOutput(tool + " " + dir + "in.wav " + dir + "out.wav --codec pcm --delay 30" +
-                                              " --trace " + dir + "trace.csv --write-scenario " + dir + "scenario.txt");
+    const std::string summary = commandOutput(tool + " " + dir + "in.wav " + dir + "out.wav --codec pcm --delay 30");
     EXPECT_NE(std::string::npos, summary.find("packets sent                    50")) << summary;
     EXPECT_NE(std::string::npos, summary.find("SNR, frames aligned       exact")) << summary;
-    EXPECT_EQ("16000\n", commandOutput("soxi -r " + dir + "out.wav"));
-    EXPECT_EQ("1\n", commandOutput("soxi -c " + dir + "out.wav"));
+    EXPECT_EQ("16000 1\n", commandOutput("echo $(soxi -r " + dir + "out.wav) $(soxi -c " + dir + "out.wav)"));
 
     // 0.1 s to 0.9 s of sox's resampling against ours, 640 samples later.
     // (Two steps: in one, sox would trim before it resamples.)
@@ -287,12 +254,5 @@ TEST(NetSimTool, PlaysAFileAndSoxAgrees)
     const double difference = soxStat("sox -m -v 1 " + dir + "a.wav -v -1 " + dir + "b.wav", "RMS lev dB");
     EXPECT_LT(difference, signal - 40) << signal << " dB signal, " << difference << " dB difference";
 
-    const std::size_t samples = std::stoul(commandOutput("soxi -s " + dir + "out.wav"));
-    EXPECT_EQ(samples / FRAME_SAMPLES + 1, std::stoul(commandOutput("wc -l < " + dir + "trace.csv")));
-
-    // The written scenario replays to the same file.
-    commandOutput(tool + " " + dir + "in.wav " + dir + "replayed.wav --codec pcm --quiet --scenario " + dir +
-                  "scenario.txt");
-    EXPECT_EQ(0, std::system(("cmp -s " + dir + "out.wav " + dir + "replayed.wav").c_str()));
     EXPECT_EQ(0, std::system(("rm -rf " + std::string(folder)).c_str()));
 }

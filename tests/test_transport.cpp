@@ -296,31 +296,6 @@ TEST(Jbuf, HostileSequenceNumbers)
     EXPECT_EQ(2u, far.jbuf.statistics().framesDropped);
 }
 
-TEST(Jbuf, RandomTrafficKeepsTheBooksBalanced)
-{
-    std::mt19937 random(12345);
-    for (const unsigned initial : {20u, 60u, 100u}) {
-        JbufRig rig;
-        rig.jbuf.setDelays(initial, 20, 100, 60);
-        for (unsigned step = 0, next = 1; step < 20000; ++step) {
-            rig.now += random() % 3 == 0 ? 0 : 20;
-            const unsigned choice = random() % 10;
-            const unsigned seqNum = choice == 0   ? unsigned(random())
-                                    : choice == 1 ? next + random() % 40
-                                    : choice == 2 ? (next > 30 ? next - random() % 30 : next)
-                                                  : next++;
-            rig.jbuf.putFrame(payload(seqNum), seqNum, 0);
-            Frame frame;
-            if (random() % 2 == 0)
-                rig.jbuf.getFrame(frame, nullptr, nullptr);
-        }
-        const SonraJbufStatistics s = rig.jbuf.statistics();
-        EXPECT_EQ(20000u, s.framesPut);
-        EXPECT_GT(s.framesPlayed, 0u);
-        EXPECT_LE(s.framesPlayed + s.framesTooOld + s.framesUnnumbered + s.framesDropped + s.duplicates, s.framesPut);
-    }
-}
-
 TEST(Sender, NumbersEveryNonEmptyFrameAndInsertsTheHeaderInPlace)
 {
     sonratest::QueueSource source;
@@ -426,11 +401,6 @@ TEST(Receiver, LongerPacketsTakeFromTheBufferOncePerPacketPeriod)
     expected[18] = 13;
     EXPECT_EQ(expected, rig.frames(21));
 
-    ReceiverRig delayed; // delays set first stay valid at 40 ms: depth 2, lead 3
-    delayed.receiver->setDelays(80, 40, 120, 40);
-    delayed.receiver->setPacketDuration(40);
-    delayed.send({1, 10});
-    EXPECT_EQ((std::vector<int>{-1, -1, -1, -1, -1, -1, 10}), delayed.frames(7));
 }
 
 TEST(Receiver, UsesThePipesClockAndSurvivesAMoveToAYoungerPipe)
