@@ -6,29 +6,24 @@
 #include "testutil.h"
 
 #include <gtest/gtest.h>
-#include <opus.h>
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
-#include <fstream>
-#include <iterator>
-#include <set>
+#include <functional>
 #include <sstream>
 
 using namespace sonranetsim;
 
 namespace {
 
-const unsigned RATE = 16000;        // Hz
+const unsigned RATE = 16000;           // Hz
 const std::size_t FRAME_SAMPLES = 320; // 20 ms
 
-std::vector<int16_t> speech(double seconds)
-{
-    return codectest::speechLike(RATE, static_cast<std::size_t>(seconds * RATE));
-}
+std::vector<int16_t> speech(double seconds) { return codectest::speechLike(RATE, std::size_t(seconds * RATE)); }
 
 Config configWith(Codec codec, double baseDelay)
 {
@@ -40,62 +35,45 @@ Config configWith(Codec codec, double baseDelay)
 
 std::vector<int16_t> frameAt(const std::vector<int16_t>& samples, std::size_t frame)
 {
-    return std::vector<int16_t>(samples.begin() + frame * FRAME_SAMPLES,
-                                samples.begin() + (frame + 1) * FRAME_SAMPLES);
-}
-
-// What encoder, decoder and mixer make of the input with no network between.
-std::vector<int16_t> codecOnly(const std::vector<int16_t>& input)
-{
-    using namespace ombrel;
-    sonratest::QueueSource source;
-    for (std::size_t first = 0; first < input.size(); first += FRAME_SAMPLES)
-        source.push(std::vector<int16_t>(input.begin() + first, input.begin() + first + FRAME_SAMPLES));
-    auto pipe = boost::make_shared<SonraPipe>(20);
-    auto encoder = boost::make_shared<SonraOpusEncNode>(sonratest::ioService(), 20, RATE);
-    auto decoder = boost::make_shared<SonraOpusDecNode>(sonratest::ioService(), 20, RATE);
-    auto mixer = boost::make_shared<SonraMixerNode>(sonratest::ioService(), 20, RATE);
-    pipe->connect(source.node(20, RATE), encoder);
-    pipe->connect(encoder, decoder);
-    pipe->connect(decoder, mixer);
-    std::vector<int16_t> output;
-    while (source.pending() != 0) {
-        pipe->processFrame();
-        const std::vector<int16_t> samples = sonratest::samplesOf(mixer->outputData());
-        output.insert(output.end(), samples.begin(), samples.end());
-    }
-    pipe->clear();
-    return output;
+    return std::vector<int16_t>(samples.begin() + frame * FRAME_SAMPLES, samples.begin() + (frame + 1) * FRAME_SAMPLES);
 }
 
 std::vector<unsigned> playedSeqNums(const Result& result)
 {
     std::vector<unsigned> played;
-    for (const FrameRecord& frame : result.frames) {
+    for (const FrameRecord& frame : result.frames)
         if (frame.played)
             played.push_back(frame.seqNum);
-    }
     return played;
 }
 
 std::vector<unsigned> arrivedSeqNums(const Result& result)
 {
     std::vector<unsigned> arrived;
-    for (const PacketRecord& packet : result.packets) {
+    for (const PacketRecord& packet : result.packets)
         if (!packet.lost)
             arrived.push_back(packet.seqNum);
-    }
     return arrived;
 }
 
-int opusLookahead()
+std::string commandOutput(const std::string& command)
 {
-    int error = 0;
-    OpusEncoder* encoder = opus_encoder_create(RATE, 1, OPUS_APPLICATION_VOIP, &error);
-    opus_int32 lookahead = 0;
-    opus_encoder_ctl(encoder, OPUS_GET_LOOKAHEAD(&lookahead));
-    opus_encoder_destroy(encoder);
-    return lookahead;
+    std::string output;
+    if (FILE* pipe = popen(command.c_str(), "r")) {
+        char buffer[256];
+        while (std::fgets(buffer, sizeof buffer, pipe))
+            output += buffer;
+        pclose(pipe);
+    }
+    return output;
+}
+
+// A figure from sox's "stats" effect, e.g. "RMS lev dB".
+double soxStat(const std::string& command, const std::string& name)
+{
+    const std::string output = commandOutput(command + " -n stats 2>&1");
+    const std::string::size_type at = output.find(name);
+    return at == std::string::npos ? NAN : std::atof(output.c_str() + at + name.size());
 }
 
 } // namespace
@@ -116,18 +94,17 @@ TEST(NetSim, WithoutLossPcmComesBackExactlyAfterTheNetworkDelay)
     EXPECT_EQ(640, summary.fixedLag);
 }
 
-TEST(NetSim, WithoutLossOpusGivesWhatTheCodecAloneGives)
+// Through Opus the signal survives; one more frame of network delay only
+// delays the same decoded frames by one frame.
+TEST(NetSim, WithoutLossOpusOutputOnlyShiftsWithTheNetworkDelay)
 {
     const std::vector<int16_t> input = speech(2.0);
-    const Result result = simulate(input, configWith(Codec::Opus, 50)); // delivered 3 frames after sending
-    const std::vector<int16_t> reference = codecOnly(input);
-    ASSERT_EQ(100u, result.summary.played);
+    const Result early = simulate(input, configWith(Codec::Opus, 30)), late = simulate(input, configWith(Codec::Opus, 50));
+    ASSERT_EQ(100u, late.summary.played);
     for (std::size_t frame = 0; frame < 100; ++frame)
-        ASSERT_EQ(frameAt(reference, frame), frameAt(result.output, frame + 3)) << frame;
-    // The signal itself survives, late by the encoder's lookahead.
-    EXPECT_NEAR(opusLookahead(), result.summary.codecDelay, 2);
-    EXPECT_GT(result.summary.snr, 8.0);
-    EXPECT_NEAR(result.summary.snr, result.summary.fixedLagSnr, 0.5);
+        ASSERT_EQ(frameAt(early.output, frame + 2), frameAt(late.output, frame + 3)) << frame;
+    EXPECT_GT(late.summary.snr, 8.0);
+    EXPECT_NEAR(late.summary.snr, late.summary.fixedLagSnr, 0.5);
 }
 
 TEST(NetSim, WithLossEveryPacketThatArrivedIsPlayedOnceInOrder)
@@ -148,66 +125,44 @@ TEST(NetSim, WithLossEveryPacketThatArrivedIsPlayedOnceInOrder)
         EXPECT_EQ(summary.sent - summary.lostInNetwork, summary.played);
         EXPECT_EQ(0u, summary.neverPlayed);
         EXPECT_EQ(0u, summary.jbuf.framesTooOld);
-        if (codec == Codec::Pcm) {
-            // Every played frame is its input; lost ones are silence.
-            for (const PacketRecord& packet : result.packets) {
-                if (!packet.played)
-                    continue;
-                const std::size_t at = packet.playTime / 20;
-                ASSERT_EQ(frameAt(input, packet.seqNum - 1), frameAt(result.output, at)) << packet.seqNum;
-            }
-        } else {
+        if (codec == Codec::Opus) {
             EXPECT_GT(summary.snr, 3.0);
+            continue;
         }
+        for (const PacketRecord& packet : result.packets) // every played frame is its input
+            ASSERT_TRUE(!packet.played || frameAt(input, packet.seqNum - 1) == frameAt(result.output, packet.playTime / 20));
     }
 }
 
 TEST(NetSim, UnderHeavyJitterEveryDatagramIsAccountedFor)
 {
-    const std::vector<int16_t> input = speech(3.0);
     Config config = configWith(Codec::Opus, 40);
-    config.network.lossRate = 0.10;
-    config.network.burstLength = 3;
-    config.network.jitterKind = JitterKind::Pareto;
-    config.network.jitter = 15;
-    config.network.reorderRate = 0.05;
-    config.network.duplicateRate = 0.05;
-    config.network.spikeRate = 0.01;
-    config.network.spikeHeight = 300;
-    config.network.seed = 11;
-    const Result result = simulate(input, config);
+    NetworkModel& network = config.network;
+    network.lossRate = 0.10;
+    network.burstLength = 3;
+    network.jitterKind = JitterKind::Pareto;
+    network.jitter = 15;
+    network.reorderRate = network.duplicateRate = 0.05;
+    network.spikeRate = 0.01;
+    network.spikeHeight = 300;
+    network.seed = 11;
+    const Result result = simulate(speech(3.0), config);
     const Summary& summary = result.summary;
     const ombrel::SonraJbufStatistics& jbuf = summary.jbuf;
     EXPECT_GT(summary.duplicatesSent, 0u);
     EXPECT_GT(jbuf.framesTooOld, 0u);
     EXPECT_EQ(summary.datagrams, jbuf.framesPut);
-    EXPECT_EQ(jbuf.framesPut, jbuf.framesPlayed + jbuf.framesTooOld + jbuf.framesUnnumbered + jbuf.framesDropped +
-                                  jbuf.duplicates);
+    EXPECT_EQ(jbuf.framesPut,
+              jbuf.framesPlayed + jbuf.framesTooOld + jbuf.framesUnnumbered + jbuf.framesDropped + jbuf.duplicates);
     EXPECT_EQ(summary.played, jbuf.framesPlayed);
     const std::vector<unsigned> played = playedSeqNums(result);
-    for (std::size_t i = 1; i < played.size(); ++i)
-        ASSERT_LT(played[i - 1], played[i]);
+    EXPECT_TRUE(std::is_sorted(played.begin(), played.end(), std::less_equal<unsigned>()));
     // A packet that arrived and was never played was refused or dropped.
     EXPECT_GT(summary.neverPlayed, 0u);
     EXPECT_LE(summary.neverPlayed, jbuf.framesTooOld + jbuf.framesDropped + jbuf.framesUnnumbered);
 }
 
-TEST(NetSim, TheSameSeedGivesTheSameRun)
-{
-    const std::vector<int16_t> input = speech(1.0);
-    Config config = configWith(Codec::Opus, 30);
-    config.network.lossRate = 0.2;
-    config.network.jitterKind = JitterKind::Exponential;
-    config.network.jitter = 20;
-    const Result first = simulate(input, config);
-    const Result second = simulate(input, config);
-    EXPECT_EQ(first.output, second.output);
-    EXPECT_EQ(arrivedSeqNums(first), arrivedSeqNums(second));
-    config.network.seed = 2;
-    EXPECT_NE(arrivedSeqNums(first), arrivedSeqNums(simulate(input, config)));
-}
-
-TEST(NetSim, AWrittenScenarioReplaysTheRunExactly)
+TEST(NetSim, TheSameSeedGivesTheSameRunAndAWrittenScenarioReplaysIt)
 {
     const std::vector<int16_t> input = speech(2.0);
     Config config = configWith(Codec::Opus, 40);
@@ -216,6 +171,9 @@ TEST(NetSim, AWrittenScenarioReplaysTheRunExactly)
     config.network.jitter = 25;
     config.network.duplicateRate = 0.05;
     const Result modelled = simulate(input, config);
+    EXPECT_EQ(modelled.output, simulate(input, config).output);
+    config.network.seed = 2;
+    EXPECT_NE(arrivedSeqNums(modelled), arrivedSeqNums(simulate(input, config)));
 
     std::stringstream scenario;
     writeScenario(scenario, modelled);
@@ -259,42 +217,13 @@ TEST(NetSim, AHandWrittenScenario)
     EXPECT_EQ(60u, result.packets[0].playTime);
     EXPECT_EQ(100u, result.packets[2].playTime);
     EXPECT_EQ(frameAt(input, 3), frameAt(result.output, 6));
-}
 
-TEST(NetSim, ScenarioErrorsNameTheLine)
-{
-    const char* bad[] = {"1 0\n", "0 0 10\n", "1 20 10\n", "1 0 10 extra\n", "x 0 10\n", "1 0 soon\n"};
-    for (const char* text : bad) {
-        std::istringstream in(std::string("# fine\n\n") + text);
+    for (const char* bad : {"1 0\n", "0 0 10\n", "1 20 10\n", "1 0 10 extra\n", "x 0 10\n", "1 0 soon\n"}) {
+        std::istringstream in(std::string("# fine\n\n") + bad);
         std::vector<ScenarioLine> lines;
-        std::string error;
-        EXPECT_FALSE(parseScenario(in, lines, error)) << text;
+        EXPECT_FALSE(parseScenario(in, lines, error)) << bad;
         EXPECT_EQ(0u, error.find("line 3:")) << error;
     }
-}
-
-namespace {
-
-std::string commandOutput(const std::string& command)
-{
-    std::string output;
-    if (FILE* pipe = popen(command.c_str(), "r")) {
-        char buffer[256];
-        while (std::fgets(buffer, sizeof buffer, pipe))
-            output += buffer;
-        pclose(pipe);
-    }
-    return output;
-}
-
-} // namespace
-
-// A figure from sox's "stats" effect, e.g. "RMS lev dB".
-double soxStat(const std::string& command, const std::string& name)
-{
-    const std::string output = commandOutput(command + " -n stats 2>&1");
-    const std::string::size_type at = output.find(name);
-    return at == std::string::npos ? NAN : std::atof(output.c_str() + at + name.size());
 }
 
 // The command-line tool on a file sox makes (stereo, 44.1 kHz), judged by
@@ -310,32 +239,20 @@ TEST(NetSimTool, PlaysAFileAndSoxAgrees)
     const std::string dir = std::string(folder) + "/";
     ASSERT_EQ(0, std::system(("sox -n -r 44100 -c 2 -b 16 " + dir + "in.wav synth 1.0 sine 440 sine 660 gain -6")
                                  .c_str()));
-    const std::string run = tool + " " + dir + "in.wav " + dir + "out.wav --codec pcm --delay 30";
-    const std::string summary = commandOutput(run + " --trace " + dir + "trace.csv --write-scenario " + dir +
-                                              "scenario.txt");
+    const std::string summary = commandOutput(tool + " " + dir + "in.wav " + dir + "out.wav --codec pcm --delay 30");
     EXPECT_NE(std::string::npos, summary.find("packets sent                    50")) << summary;
     EXPECT_NE(std::string::npos, summary.find("SNR, frames aligned       exact")) << summary;
-    EXPECT_EQ("16000\n", commandOutput("soxi -r " + dir + "out.wav"));
-    EXPECT_EQ("1\n", commandOutput("soxi -c " + dir + "out.wav"));
+    EXPECT_EQ("16000 1\n", commandOutput("echo $(soxi -r " + dir + "out.wav) $(soxi -c " + dir + "out.wav)"));
 
     // 0.1 s to 0.9 s of sox's resampling against ours, 640 samples later.
     // (Two steps: in one, sox would trim before it resamples.)
-    const std::string reference = "sox " + dir + "in.wav -r 16000 -c 1 " + dir + "ref.wav && sox " + dir +
-                                  "ref.wav " + dir + "a.wav trim 1600s 12800s";
-    const std::string ours = "sox " + dir + "out.wav " + dir + "b.wav trim 2240s 12800s";
-    ASSERT_EQ(0, std::system((reference + " && " + ours).c_str()));
+    ASSERT_EQ(0, std::system(("sox " + dir + "in.wav -r 16000 -c 1 " + dir + "ref.wav && sox " + dir + "ref.wav " +
+                              dir + "a.wav trim 1600s 12800s && sox " + dir + "out.wav " + dir +
+                              "b.wav trim 2240s 12800s")
+                                 .c_str()));
     const double signal = soxStat("sox " + dir + "a.wav", "RMS lev dB");
     const double difference = soxStat("sox -m -v 1 " + dir + "a.wav -v -1 " + dir + "b.wav", "RMS lev dB");
     EXPECT_LT(difference, signal - 40) << signal << " dB signal, " << difference << " dB difference";
 
-    const std::size_t samples = std::stoul(commandOutput("soxi -s " + dir + "out.wav"));
-    std::ifstream trace(dir + "trace.csv");
-    const std::size_t traceLines = std::count(std::istreambuf_iterator<char>(trace), std::istreambuf_iterator<char>(), '\n');
-    EXPECT_EQ(samples / FRAME_SAMPLES + 1, traceLines);
-
-    // The written scenario replays to the same file.
-    commandOutput(tool + " " + dir + "in.wav " + dir + "replayed.wav --codec pcm --quiet --scenario " + dir +
-                  "scenario.txt");
-    EXPECT_EQ(0, std::system(("cmp -s " + dir + "out.wav " + dir + "replayed.wav").c_str()));
     EXPECT_EQ(0, std::system(("rm -rf " + std::string(folder)).c_str()));
 }
