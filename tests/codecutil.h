@@ -1,33 +1,25 @@
-// Helpers the codec tests share: a speech-like test signal, delay-aligned
-// correlation, and a harness that drives one node frame by frame.
+// Helpers the codec tests share.
 #ifndef SONRA_CODECUTIL_H
 #define SONRA_CODECUTIL_H
 
 #include "testutil.h"
 
 #include <boost/make_shared.hpp>
-#include <boost/noncopyable.hpp>
-
-#include <algorithm>
 #include <cmath>
-#include <cstdint>
-#include <vector>
 
 namespace codectest {
 
 using sonratest::Frame;
+using sonratest::frameOf;
+using sonratest::samplesOf;
 
-// A voiced, speech-like signal: a gliding fundamental (110-190 Hz) with
-// harmonics up to 3.4 kHz (or 0.4 x the rate) shaped by three formant
-// peaks, and a syllable-rate (4 Hz) envelope. Deterministic, peaks near
-// 12000.
+// Voiced speech-like: a 110-190 Hz gliding fundamental, harmonics up to 3.4 kHz
+// (or 0.4 x the rate) shaped by three formants, a 4 Hz envelope; peaks at 12000.
 inline std::vector<int16_t> speechLike(unsigned sampleRate, std::size_t count)
 {
     const double topFrequency = std::min(3400.0, 0.4 * sampleRate); // Hz
-    const double formants[] = {600.0, 1400.0, 2600.0};                  // Hz
     std::vector<double> signal(count);
-    double phase = 0; // radians of the fundamental
-    double peak = 0;
+    double phase = 0, peak = 0; // radians of the fundamental; largest magnitude
     for (std::size_t i = 0; i < count; ++i) {
         const double t = double(i) / sampleRate; // s
         const double f0 = 150.0 + 40.0 * std::sin(2 * M_PI * 1.3 * t);
@@ -35,12 +27,11 @@ inline std::vector<int16_t> speechLike(unsigned sampleRate, std::size_t count)
         double value = 0;
         for (int k = 1; k * f0 < topFrequency; ++k) {
             double weight = 0.15;
-            for (double formant : formants)
+            for (double formant : {600.0, 1400.0, 2600.0})
                 weight += std::exp(-std::pow((k * f0 - formant) / 250.0, 2));
             value += weight / std::sqrt(double(k)) * std::sin(k * phase);
         }
-        const double envelope = 0.25 + 0.75 * std::pow(std::sin(M_PI * 4.0 * t), 2);
-        signal[i] = value * envelope;
+        signal[i] = value * (0.25 + 0.75 * std::pow(std::sin(M_PI * 4.0 * t), 2));
         peak = std::max(peak, std::fabs(signal[i]));
     }
     std::vector<int16_t> samples(count);
@@ -49,39 +40,26 @@ inline std::vector<int16_t> speechLike(unsigned sampleRate, std::size_t count)
     return samples;
 }
 
-// Normalised correlation of output[i + delay] with reference[i] over
-// reference[skip..], at the delay (0..maxDelay samples) where it is best.
 struct Alignment {
-    int delay = 0;            // samples the output lags the reference
-    double correlation = 0.0; // -1..1
+    int delay = 0;             // samples the output lags the reference
+    double correlation = -2.0; // of output[i + delay] with reference[i], -1..1 once measured
 };
 
-inline double correlationAt(const std::vector<int16_t>& reference, const std::vector<int16_t>& output,
-                            std::size_t skip, int delay)
-{
-    double cross = 0, referencePower = 0, outputPower = 0;
-    for (std::size_t i = skip; i + delay < output.size() && i < reference.size(); ++i) {
-        const double r = reference[i], o = output[i + delay];
-        cross += r * o;
-        referencePower += r * r;
-        outputPower += o * o;
-    }
-    if (referencePower == 0 || outputPower == 0)
-        return 0.0;
-    return cross / std::sqrt(referencePower * outputPower);
-}
-
+// The delay in firstDelay..lastDelay where output best matches reference[skip..].
 inline Alignment bestAlignment(const std::vector<int16_t>& reference, const std::vector<int16_t>& output,
-                               std::size_t skip, int maxDelay)
+                               std::size_t skip, int firstDelay, int lastDelay)
 {
     Alignment best;
-    best.correlation = -2.0;
-    for (int delay = 0; delay <= maxDelay; ++delay) {
-        const double correlation = correlationAt(reference, output, skip, delay);
-        if (correlation > best.correlation) {
-            best.delay = delay;
-            best.correlation = correlation;
+    for (int delay = firstDelay; delay <= lastDelay; ++delay) {
+        double cross = 0, referencePower = 0, outputPower = 0;
+        for (std::size_t i = skip; i + delay < output.size() && i < reference.size(); ++i) {
+            const double r = reference[i], o = output[i + delay];
+            cross += r * o;
+            referencePower += r * r;
+            outputPower += o * o;
         }
+        if (referencePower > 0 && outputPower > 0 && cross / std::sqrt(referencePower * outputPower) > best.correlation)
+            best = {delay, cross / std::sqrt(referencePower * outputPower)};
     }
     return best;
 }
@@ -101,30 +79,26 @@ inline std::vector<unsigned char> bytesOf(const Frame& frame)
     return frame ? std::vector<unsigned char>(frame->begin(), frame->end()) : std::vector<unsigned char>();
 }
 
-// One node fed by a queue in its own pipe; run() pushes one input frame
-// (possibly empty), processes one graph frame and returns the node's output.
+// One node fed by a queue in its own pipe; run() processes one graph frame.
 template <class Node>
-class Harness : private boost::noncopyable {
-public:
+struct Harness {
     Harness(unsigned frameDuration, unsigned sampleRate)
         : node(boost::make_shared<Node>(sonratest::ioService(), frameDuration, sampleRate)),
           pipe(boost::make_shared<ombrel::SonraPipe>(frameDuration))
     {
-        pipe->connect(m_source.node(frameDuration, sampleRate), node);
+        pipe->connect(source.node(frameDuration, sampleRate), node);
     }
-
+    Harness(const Harness&) = delete; // the source node points into this queue
     Frame run(const Frame& input)
     {
-        m_source.push(input);
+        source.push(input);
         pipe->processFrame();
         return node->outputData();
     }
 
     boost::shared_ptr<Node> node;
     boost::shared_ptr<ombrel::SonraPipe> pipe;
-
-private:
-    sonratest::QueueSource m_source;
+    sonratest::QueueSource source;
 };
 
 } // namespace codectest
