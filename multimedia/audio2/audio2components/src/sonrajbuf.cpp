@@ -34,9 +34,9 @@ namespace {
 
 const char* const LOG_CATEGORY = "audio2jbuf";
 
-// Length (ms) of the period over which a queue watches residence times
-// before it may cut its delay.
-const unsigned OBSERVATION_PERIOD = 3000;
+// The depth-cut rule of a queue (written out above SonraJbufSimple in the
+// header): the observation period, in ms of played frames.
+const unsigned OBSERVATION_PERIOD_MS = 3000;
 
 } // namespace
 
@@ -102,7 +102,7 @@ void SonraJbufSimple::advanceHead(unsigned steps)
 
 void SonraJbufSimple::putFrame(boost::shared_ptr<SonraJbufFrame_p> frame)
 {
-    ombrel::debug(LOG_CATEGORY, 0, false) << "Jbuf " << m_jbufPtr->currentTime() << " put frame ";
+    SONRA_DEBUG(LOG_CATEGORY, 0, false) << "Jbuf " << m_jbufPtr->currentTime() << " put frame ";
     ++m_statistics.framesPut;
     const unsigned seqNum = frame->m_seqNum;
     if (seqNum < m_minSeqNum) {
@@ -155,12 +155,12 @@ void SonraJbufSimple::notePlayed(const SonraJbufFrame_p& frame)
 boost::shared_ptr<SonraJbufFrame_p> SonraJbufSimple::getFrame()
 {
     const unsigned frameDuration = m_owner->m_frameDuration; // ms
-    ombrel::debug(LOG_CATEGORY, 0, false) << "Jbuf " << m_jbufPtr->currentTime() << " get frame ";
+    SONRA_DEBUG(LOG_CATEGORY, 0, false) << "Jbuf " << m_jbufPtr->currentTime() << " get frame ";
 
     if (m_framesCount != 0 && m_dynReferenceBufDepth < m_framesCount - 1) {
         m_dynReferenceBufDepth = m_framesCount - 1;
         m_dynCounter = 0;
-        ombrel::debug(LOG_CATEGORY, 0, false) << "JBuf new m_dynReferenceBufDepth=" << m_dynReferenceBufDepth;
+        SONRA_DEBUG(LOG_CATEGORY, 0, false) << "JBuf new m_dynReferenceBufDepth=" << m_dynReferenceBufDepth;
     }
 
     boost::shared_ptr<SonraJbufFrame_p> framePtr = advanceHead();
@@ -174,12 +174,12 @@ boost::shared_ptr<SonraJbufFrame_p> SonraJbufSimple::getFrame()
     if (m_dynMinBufTime == 0 || bufTime < m_dynMinBufTime) {
         m_dynMinBufTime = bufTime;
         m_dynCounter = 0;
-        ombrel::debug(LOG_CATEGORY, 0, false) << "New minBufTime=" << m_dynMinBufTime;
+        SONRA_DEBUG(LOG_CATEGORY, 0, false) << "New minBufTime=" << m_dynMinBufTime;
     }
 
     const unsigned dynBufDelay = frameDuration * m_dynReferenceBufDepth; // ms
-    const unsigned dynCountPeriod = OBSERVATION_PERIOD / frameDuration;  // frames
-    ombrel::debug(LOG_CATEGORY, 0, false)
+    const unsigned dynCountPeriod = OBSERVATION_PERIOD_MS / frameDuration; // frames
+    SONRA_DEBUG(LOG_CATEGORY, 0, false)
         << "JBuf m_dynMinBufTime=" << m_dynMinBufTime << ", m_dynReferenceBufDepth=" << m_dynReferenceBufDepth
         << ", m_framesCount=" << m_framesCount << ", m_bufDelayFrames=" << m_bufDelayFrames
         << ", m_dynCounter=" << m_dynCounter << ", dynCountPeriod=" << dynCountPeriod
@@ -192,14 +192,14 @@ boost::shared_ptr<SonraJbufFrame_p> SonraJbufSimple::getFrame()
 
     // "At least D frames still queued", written so that it cannot wrap.
     if (m_framesCount + 1 > m_bufDelayFrames && m_dynMinBufTime >= dynBufDelay) {
-        ombrel::debug(LOG_CATEGORY, 0, false) << "JBuf decrease buffer depth";
+        SONRA_DEBUG(LOG_CATEGORY, 0, false) << "JBuf decrease buffer depth";
         ++m_statistics.depthDecreases;
         boost::shared_ptr<SonraJbufFrame_p> next = advanceHead();
         if (next) {
             ++m_statistics.framesDropped;
             framePtr = next;
         }
-        ombrel::debug(LOG_CATEGORY, 0, false)
+        SONRA_DEBUG(LOG_CATEGORY, 0, false)
             << "JBuf after decrease m_dynMinBufTime=" << m_dynMinBufTime
             << ", m_dynReferenceBufDepth=" << m_dynReferenceBufDepth << ", m_framesCount=" << m_framesCount
             << ", m_bufDelayFrames=" << m_bufDelayFrames << ", dynBufDelay=" << dynBufDelay;

@@ -34,9 +34,29 @@ struct SonraJbufStatistics {
     unsigned lastTimeStamp = 0;    // timestamp (ms) of the last played frame
 };
 
-// One playout queue of SonraJbuf with a fixed nominal depth: a ring of slots
-// indexed by sequence number from the playout head. Created and driven only
-// by SonraJbuf.
+// One playout queue of SonraJbuf with a fixed nominal depth D (frames): a
+// ring of slots indexed by sequence number from the playout head. Created
+// and driven only by SonraJbuf.
+//
+// Placement: slot (head index + k) mod ring size holds sequence number
+// head + k, for 0 <= k <= the maximum lead. A frame below the lowest
+// playable number (the highest head reached) is refused as too old; one
+// further ahead than the maximum lead pushes the head on until it fits.
+//
+// Growth: a get with nothing due leaves the head where it is while the queue
+// is empty; the next frame to arrive re-anchors the head on itself, so the
+// delay grows by the time the queue was dry.
+//
+// Cut: with F the frame duration (ms), each get measures t, the time (ms)
+// the played frame spent in the queue. An observation period restarts
+// whenever t sets a new minimum t_min or the queue holds more frames than
+// its reference depth R allows (R = the largest queue length seen in the
+// period less one, never below D). Once the period lasts
+//     OBSERVATION_PERIOD_MS / F played frames (3000 ms: 150 at 20 ms),
+// the queue drops one frame, cutting its delay by F, if
+//     queued frames >= D   and   t_min >= F * R,
+// that is when every frame of the period waited at least the reference
+// depth. Either way the period then restarts with R = D.
 class SonraJbufSimple : private boost::noncopyable {
 public:
     // `bufDelayFrames` is the depth D, `maxDelayFrames` how far ahead of the
@@ -77,6 +97,10 @@ private:
 // Adaptive jitter buffer: one SonraJbufSimple per candidate depth between
 // the minimum and the maximum delay, all fed every frame and advanced on
 // every take; the queue whose depth equals the initial delay is played out.
+// The queues that are not played run in lockstep with it so that each shows,
+// in its log records and counts, what playout at its depth would have done
+// on the same network; they are the depths that playout can move to without
+// a warm-up.
 // Delays are in ms and must be whole multiples of the frame duration. Not
 // thread-safe: the owner serialises every call.
 class SonraJbuf : private boost::noncopyable {
