@@ -435,3 +435,39 @@ TEST(Receiver, RandomDatagramsNeverHurt)
     EXPECT_GT(rig.receiver->statistics().framesPut, 10000u);
     EXPECT_LT(rig.receiver->statistics().framesPut, 20000u);
 }
+
+TEST(Jbuf, RecoveryResumesAfterStrayRestartedOrRenumberedStreams)
+{
+    auto range = [](unsigned first, unsigned count) {
+        Seqs seqs(count);
+        for (unsigned i = 0; i < count; ++i)
+            seqs[i] = first + i;
+        return seqs;
+    };
+    auto join = [](Seqs a, const Seqs& b) { return a.insert(a.end(), b.begin(), b.end()), a; };
+    // A lead-in, a disturbance, then 100 frames judged: how many of them play, recovery off and on.
+    // On, RECOVERY_RUN_FRAMES (4) refused frames that agree re-anchor: 3 go unplayed.
+    struct Case { Seqs leadIn; long played[2]; Seqs judged; };
+    const Case cases[] = {
+        {join(range(1, 50), {0x7fffffffu}), {0, 100}, range(51, 100)}, // a stray far ahead
+        {join(range(1, 50), {50, 1000}), {0, 100}, range(51, 100)},    // a duplicate, then a stray
+        {range(1, 300), {0, 97}, range(1, 100)},                       // the sender restarts
+        {{}, {64, 100}, range(0x7fffffc0u, 100)},                      // a stream crossing 2^31
+        {{}, {35, 97}, range(0xffffffc0u, 100)},                       // ... and 2^32
+    };
+    for (const Case& c : cases) {
+        for (bool recovery : {false, true}) {
+            JbufRig rig;
+            rig.jbuf.setRecovery(recovery);
+            for (unsigned seqNum : c.leadIn)
+                rig.put(seqNum), rig.get();
+            long played = 0;
+            for (unsigned seqNum : c.judged) {
+                rig.put(seqNum);
+                const unsigned got = rig.get(); // 0: nothing
+                played += got != 0 && std::count(c.judged.begin(), c.judged.end(), got);
+            }
+            EXPECT_EQ(c.played[recovery], played) << c.judged[0] << (recovery ? " on" : " off");
+        }
+    }
+}

@@ -28,6 +28,7 @@ struct SonraJbuf_p {
     unsigned m_extraJitterFrames; // frames
     std::map<unsigned, boost::shared_ptr<SonraJbufSimple> > m_queues; // by depth in frames
     boost::function<unsigned ()> m_timeHandler; // the clock, ms
+    bool m_recovery;                            // see SonraJbuf::setRecovery
 };
 
 namespace {
@@ -56,7 +57,11 @@ SonraJbufSimple::SonraJbufSimple(SonraJbuf_p* owner, unsigned bufDelayFrames, un
       m_dynCounter(0),
       m_dynMinBufTime(0),
       m_dynReferenceBufDepth(bufDelayFrames),
-      m_jbufPtr(jbuf)
+      m_jbufPtr(jbuf),
+      m_getCount(0),
+      m_runSeqNum(0),
+      m_runLength(0),
+      m_runStart(0)
 {
     SONRA_ASSERT(bufSize>=m_maxDelayFrames);
 }
@@ -100,17 +105,22 @@ void SonraJbufSimple::advanceHead(unsigned steps)
         m_minSeqNum = m_headSeqNum;
 }
 
-void SonraJbufSimple::putFrame(boost::shared_ptr<SonraJbufFrame_p> frame)
+bool SonraJbufSimple::putFrame(boost::shared_ptr<SonraJbufFrame_p> frame)
 {
     SONRA_DEBUG(LOG_CATEGORY, 0, false) << "Jbuf " << m_jbufPtr->currentTime() << " put frame ";
     ++m_statistics.framesPut;
     const unsigned seqNum = frame->m_seqNum;
-    if (seqNum < m_minSeqNum) {
+    if (m_owner->m_recovery && isSuspect(seqNum))
+        return refuseSuspect(frame);
+    const bool tooOld = seqNum < m_minSeqNum;
+    if (tooOld) {
         ++m_statistics.framesTooOld;
     } else {
         unsigned offset = 0; // slots ahead of the head
         if (m_framesCount == 0) {
-            m_headSeqNum = static_cast<int32_t>(seqNum) < 0 ? 0 : seqNum;
+            // Numbers from 2^31 on have no place, unless recovery lets a
+            // stream cross 2^31.
+            m_headSeqNum = static_cast<int32_t>(seqNum) < 0 && !m_owner->m_recovery ? 0 : seqNum;
         } else {
             offset = seqNum - m_headSeqNum;
             if (offset > m_maxDelayFrames) {
@@ -128,10 +138,76 @@ void SonraJbufSimple::putFrame(boost::shared_ptr<SonraJbufFrame_p> frame)
             ++m_framesCount;
             if (index == m_headIndex)
                 m_headSeqNum = seqNum;
+            m_runLength = 0;
         }
     }
     if (m_headSeqNum > m_minSeqNum)
         m_minSeqNum = m_headSeqNum;
+    return tooOld;
+}
+
+// With recovery on: a frame that the queue rules would refuse, or that would
+// move the head further than a stream jumps. A dry queue's head stands
+// still, so the jump also measures how long the stream was away: a stream
+// back after RECOVERY_MAX_JUMP_MS of loss comes in as a run of strays.
+bool SonraJbufSimple::isSuspect(unsigned seqNum) const
+{
+    if (seqNum < m_minSeqNum || (seqNum == 0 && m_framesCount == 0))
+        return true;
+    const unsigned jumpFrames = SonraJbuf::RECOVERY_MAX_JUMP_MS / m_owner->m_frameDuration;
+    const unsigned maxJump = jumpFrames > m_maxDelayFrames ? jumpFrames : m_maxDelayFrames;
+    // m_minSeqNum is the highest head reached: seqNum - m_headSeqNum cannot wrap.
+    return m_headSeqNum != 0 && seqNum - m_headSeqNum > maxJump;
+}
+
+// Counts a suspect frame and extends or restarts the run of refused frames;
+// a run long enough, in frames and in time, re-anchors the queue. A run
+// agrees when each frame lies within the maximum lead of the one before it:
+// a restarted or re-numbered stream does, random numbers do not.
+bool SonraJbufSimple::refuseSuspect(const boost::shared_ptr<SonraJbufFrame_p>& frame)
+{
+    const unsigned seqNum = frame->m_seqNum;
+    const bool tooOld = seqNum < m_minSeqNum;
+    if (tooOld)
+        ++m_statistics.framesTooOld;
+    else if (seqNum == 0)
+        ++m_statistics.framesUnnumbered;
+    else
+        ++m_statistics.framesStray;
+
+    const int32_t step = static_cast<int32_t>(seqNum - m_runSeqNum);
+    const int32_t lead = static_cast<int32_t>(m_maxDelayFrames);
+    if (m_runLength != 0 && step != 0 && step >= -lead && step <= lead) {
+        ++m_runLength;
+    } else {
+        m_runLength = 1;
+        m_runStart = m_getCount;
+    }
+    m_runSeqNum = seqNum;
+    const unsigned runFrames = SonraJbuf::RECOVERY_RUN_FRAMES;
+    // Numbered 0, the frame would leave the queue without a head.
+    if (seqNum != 0 && m_runLength >= runFrames && m_getCount - m_runStart + 1 >= runFrames)
+        resync(frame);
+    return tooOld;
+}
+
+// Drops everything and anchors the head on `frame`, as on a new stream.
+void SonraJbufSimple::resync(const boost::shared_ptr<SonraJbufFrame_p>& frame)
+{
+    for (boost::shared_ptr<SonraJbufFrame_p>& slot : m_frames) {
+        if (slot) {
+            ++m_statistics.framesDropped;
+            slot.reset();
+        }
+    }
+    ++m_statistics.resyncs;
+    m_frames[m_headIndex] = frame;
+    m_framesCount = 1;
+    m_headSeqNum = m_minSeqNum = frame->m_seqNum;
+    m_runLength = 0;
+    m_dynMinBufTime = 0;
+    m_dynReferenceBufDepth = m_bufDelayFrames;
+    m_dynCounter = 0;
 }
 
 // The time `frame` spent in the queue. A clock that reads less than the
@@ -155,6 +231,7 @@ void SonraJbufSimple::notePlayed(const SonraJbufFrame_p& frame)
 boost::shared_ptr<SonraJbufFrame_p> SonraJbufSimple::getFrame()
 {
     const unsigned frameDuration = m_owner->m_frameDuration; // ms
+    ++m_getCount;
     SONRA_DEBUG(LOG_CATEGORY, 0, false) << "Jbuf " << m_jbufPtr->currentTime() << " get frame ";
 
     if (m_framesCount != 0 && m_dynReferenceBufDepth < m_framesCount - 1) {
@@ -232,6 +309,7 @@ SonraJbuf::SonraJbuf(unsigned int frameDuration) : d(new SonraJbuf_p)
     d->m_minBufDepth = 0;
     d->m_extraJitterDelay = 300;
     d->m_extraJitterFrames = 0;
+    d->m_recovery = false;
     reset();
 }
 
@@ -327,6 +405,14 @@ unsigned int SonraJbuf::getFrame(boost::shared_ptr<std::vector<char> >& frame, u
             *timeStamp = taken->m_timeStamp;
     }
     return result;
+}
+
+unsigned SonraJbuf::RECOVERY_RUN_FRAMES = 4;
+unsigned SonraJbuf::RECOVERY_MAX_JUMP_MS = 2000;
+
+void SonraJbuf::setRecovery(bool enabled)
+{
+    d->m_recovery = enabled;
 }
 
 SonraJbufStatistics SonraJbuf::statistics() const

@@ -28,6 +28,9 @@ struct SonraJbufStatistics {
     uint64_t duplicates = 0;       // stored into a slot that already held a frame (the older copy goes)
     uint64_t underruns = 0;        // gets with nothing due
     uint64_t depthDecreases = 0;   // times the queue cut its delay by one frame
+    // With recovery on (SonraJbuf::setRecovery):
+    uint64_t framesStray = 0;      // refused: would have moved the head further than a stream jumps
+    uint64_t resyncs = 0;          // re-anchors on a run of refused frames that agree with each other
     unsigned queuedFrames = 0;     // frames the queue counts as held now (a duplicate counts twice)
     unsigned lastResidenceTime = 0; // ms the last played frame spent in the buffer
     unsigned lastSeqNum = 0;       // sequence number of the last played frame
@@ -65,7 +68,8 @@ public:
                     SonraJbuf* jbuf);
     ~SonraJbufSimple();
 
-    void putFrame(boost::shared_ptr<SonraJbufFrame_p> frame);
+    // True when the frame was refused as too old.
+    bool putFrame(boost::shared_ptr<SonraJbufFrame_p> frame);
     // The frame due now, or an empty pointer.
     boost::shared_ptr<SonraJbufFrame_p> getFrame();
 
@@ -76,6 +80,9 @@ private:
     void advanceHead(unsigned steps);
     unsigned residenceTime(const SonraJbufFrame_p& frame) const;
     void notePlayed(const SonraJbufFrame_p& frame);
+    bool isSuspect(unsigned seqNum) const;
+    bool refuseSuspect(const boost::shared_ptr<SonraJbufFrame_p>& frame);
+    void resync(const boost::shared_ptr<SonraJbufFrame_p>& frame);
 
     SonraJbuf_p* m_owner;
     unsigned m_bufDelayFrames; // frames
@@ -90,6 +97,10 @@ private:
     unsigned m_dynMinBufTime;        // ms; 0: none measured yet
     unsigned m_dynReferenceBufDepth; // frames
     SonraJbuf* m_jbufPtr;
+    unsigned m_getCount;       // gets since construction, wrapping
+    unsigned m_runSeqNum;      // last frame of the current run of refused frames
+    unsigned m_runLength;      // refused frames in the run; 0: no run
+    unsigned m_runStart;       // m_getCount when the run began
     // Counters for SonraJbuf::statistics(); no decision reads them.
     SonraJbufStatistics m_statistics;
 };
@@ -128,6 +139,23 @@ public:
 
     // Counts of the played queue since the last reset.
     SonraJbufStatistics statistics() const;
+
+    // Recovery from sequence numbers that the queue rules alone cannot
+    // recover from (off by default; turning it on or off keeps the frames).
+    // With recovery on, each queue
+    //  - refuses, as stray, a frame that would move its head further ahead
+    //    than max(its maximum lead, RECOVERY_MAX_JUMP_MS / frame duration),
+    //    so that one far-ahead datagram never moves the stream;
+    //  - re-anchors on a run of RECOVERY_RUN_FRAMES refused frames (too old,
+    //    stray or unnumbered) with no stored frame between them, each within
+    //    the maximum lead of the one before, spanning at least
+    //    RECOVERY_RUN_FRAMES - 1 gets: a restarted or re-numbered stream
+    //    plays again within RECOVERY_RUN_FRAMES periods;
+    //  - anchors on any number but 0, so a stream may cross 2^31.
+    // Off, the frames are exactly those of the queue rules.
+    void setRecovery(bool enabled);
+    static unsigned RECOVERY_RUN_FRAMES;  // frames
+    static unsigned RECOVERY_MAX_JUMP_MS; // ms
 
 private:
     boost::scoped_ptr<SonraJbuf_p> d;

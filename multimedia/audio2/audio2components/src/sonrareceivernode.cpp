@@ -41,6 +41,11 @@ void SonraReceiverNode::setDelays(unsigned int initialDelay, unsigned int minDel
     d->m_jbuf.setDelays(initialDelay, minDelay, maxDelay, extraJitterDelay);
 }
 
+void SonraReceiverNode::setRecovery(bool enabled)
+{
+    d->m_jbuf.setRecovery(enabled);
+}
+
 void SonraReceiverNode::dataReceived(boost::shared_ptr<std::vector<char> > data)
 {
     if (!data || data->size() < SonraPacket::HEADER_SIZE)
