@@ -14,6 +14,8 @@
 #include <algorithm>
 #include <chrono>
 #include <climits>
+#include <cmath>
+#include <map>
 #include <cstring>
 #include <random>
 #include <regex>
@@ -470,4 +472,50 @@ TEST(Jbuf, RecoveryResumesAfterStrayRestartedOrRenumberedStreams)
             EXPECT_EQ(c.played[recovery], played) << c.judged[0] << (recovery ? " on" : " off");
         }
     }
+}
+
+namespace {
+
+// 30 s of a seeded network, one packet per 20 ms: 20 ms + Pareto jitter (minimum 30 ms, shape 2), 2% loss,
+// and a spike at 4 s that adds 300 ms and drains at 1 ms per ms. Arrivals are put before each get.
+Seqs playThroughSpike(JbufRig& rig)
+{
+    rig.jbuf.setDelays(60, 20, 200, 300);
+    std::mt19937 random(7);
+    std::uniform_real_distribution<double> uniform(1e-9, 1);
+    std::multimap<double, unsigned> inFlight;
+    Seqs played;
+    for (unsigned n = 1; n <= 1500; ++n) {
+        const double sent = 20.0 * n, spike = sent < 4000 ? 0 : std::max(0.0, 4300 - sent);
+        const double arrival = sent + 20 + 30 / std::sqrt(uniform(random)) - 30 + spike;
+        if (random() % 50 != 0)
+            inFlight.emplace(arrival, n);
+        for (rig.now = 20 * n; !inFlight.empty() && inFlight.begin()->first <= rig.now; inFlight.erase(inFlight.begin()))
+            rig.put(inFlight.begin()->second);
+        played.push_back(rig.get());
+    }
+    return played;
+}
+
+} // namespace
+
+TEST(Jbuf, AdaptivePlayoutFollowsASpikeWithoutRepeatingAndFixedIsTheDefault)
+{
+    JbufRig untouched, fixed, adaptive;
+    fixed.jbuf.setPlayoutPolicy(SonraJbuf::PLAYOUT_ADAPTIVE);
+    fixed.jbuf.setPlayoutPolicy(SonraJbuf::PLAYOUT_FIXED);
+    adaptive.jbuf.setPlayoutPolicy(SonraJbuf::PLAYOUT_ADAPTIVE);
+    EXPECT_EQ(playThroughSpike(untouched), playThroughSpike(fixed));
+    Seqs frames = playThroughSpike(adaptive);
+    frames.erase(std::remove(frames.begin(), frames.end(), 0u), frames.end());
+    EXPECT_TRUE(std::is_sorted(frames.begin(), frames.end(), std::less_equal<unsigned>())); // no repeat, no reorder
+    const SonraJbufStatistics f = fixed.jbuf.statistics(), a = adaptive.jbuf.statistics();
+    EXPECT_EQ(0u, f.switchesDeeper + f.switchesShallower + f.framesHeld + f.framesSkipped);
+    EXPECT_EQ(3u, f.playedDepth);
+    EXPECT_LT(2 * a.framesTooOld, f.framesTooOld); // 24 against 59
+    EXPECT_GE(a.switchesDeeper, 1u);               // climbs within 1.4 s
+    EXPECT_GE(a.switchesShallower, 1u);            // and comes down once the network calms
+    EXPECT_GE(a.framesHeld, 1u);
+    EXPECT_EQ(frames.size(), a.framesPlayed);
+    EXPECT_EQ(1500u, a.framesPlayed + a.framesHeld + a.underruns); // every get: played, held or dry
 }

@@ -16,6 +16,14 @@ struct SonraJbufFrame_p {
     unsigned m_bufTime;   // ms, the owner's clock when the frame was put
 };
 
+// One queue as the playout policy sees it.
+struct SonraJbufCandidate_p {
+    SonraJbufSimple* m_queue;
+    unsigned m_depth;      // frames
+    bool m_refused;        // the last frame put was too old for it
+    double m_tooOldShare;  // running mean, frames too old for it yet in time for the deepest queue
+};
+
 struct SonraJbuf_p {
     unsigned m_frameDuration;     // ms, one frame per playout period
     unsigned m_initialDelay;      // ms, depth of the played queue
@@ -29,6 +37,19 @@ struct SonraJbuf_p {
     std::map<unsigned, boost::shared_ptr<SonraJbufSimple> > m_queues; // by depth in frames
     boost::function<unsigned ()> m_timeHandler; // the clock, ms
     bool m_recovery;                            // see SonraJbuf::setRecovery
+
+    // Playout (SonraJbuf::setPlayoutPolicy); rebuilt by every reset.
+    SonraJbuf::PlayoutPolicy m_policy;
+    std::vector<SonraJbufCandidate_p> m_candidates; // m_queues in ascending depth, walked per frame
+    std::size_t m_played;             // index into m_candidates of the played queue
+    unsigned m_getCount;              // gets since the reset
+    unsigned m_lastSwitchGet;         // m_getCount at the last move
+    bool m_deliveredAny;
+    unsigned m_lastDeliveredSeqNum;
+    unsigned m_transitionGets;        // gets left in which a frame not after the last delivered one is held
+    bool m_shrinking;                 // the transition follows a move to a shallower queue
+    SonraJbufStatistics m_earlierPlayed; // what the queues played before the current one counted, and the moves
+    SonraJbufStatistics m_playedSince;   // the current played queue's counts when it became the played one
 };
 
 namespace {
@@ -38,6 +59,95 @@ const char* const LOG_CATEGORY = "audio2jbuf";
 // The depth-cut rule of a queue (written out above SonraJbufSimple in the
 // header): the observation period, in ms of played frames.
 const unsigned OBSERVATION_PERIOD_MS = 3000;
+
+// into.counter += plus.counter - minus.counter, for every count.
+void combineCounts(SonraJbufStatistics& into, const SonraJbufStatistics& plus, const SonraJbufStatistics& minus)
+{
+    uint64_t SonraJbufStatistics::*const counts[] = {
+        &SonraJbufStatistics::framesPut, &SonraJbufStatistics::framesPlayed, &SonraJbufStatistics::framesTooOld,
+        &SonraJbufStatistics::framesUnnumbered, &SonraJbufStatistics::framesDropped,
+        &SonraJbufStatistics::duplicates, &SonraJbufStatistics::underruns, &SonraJbufStatistics::depthDecreases,
+        &SonraJbufStatistics::framesStray, &SonraJbufStatistics::resyncs, &SonraJbufStatistics::switchesDeeper,
+        &SonraJbufStatistics::switchesShallower, &SonraJbufStatistics::framesHeld,
+        &SonraJbufStatistics::framesSkipped};
+    for (uint64_t SonraJbufStatistics::*count : counts)
+        into.*count += plus.*count - minus.*count;
+}
+
+// After a put: a frame too old for a queue counts against it only when the
+// deepest queue still took it; what no depth could have played (a late
+// duplicate, a frame later than the deepest delay) says nothing of depth.
+void updateTooOldShares(SonraJbuf_p& d)
+{
+    const double weight = 1.0 / (SonraJbuf::PLAYOUT_SHARE_FRAMES ? SonraJbuf::PLAYOUT_SHARE_FRAMES : 1);
+    const bool noDepthHelps = d.m_candidates.back().m_refused;
+    for (SonraJbufCandidate_p& candidate : d.m_candidates) {
+        const double tooOld = candidate.m_refused && !noDepthHelps ? 1.0 : 0.0;
+        candidate.m_tooOldShare += (tooOld - candidate.m_tooOldShare) * weight;
+    }
+}
+
+// Gets in which a frame at or before the last one played is looked for
+// after a move: as many as the ring has slots.
+unsigned transitionGets(const SonraJbuf_p& d)
+{
+    return 2 * d.m_maxBufDepth + d.m_extraJitterFrames;
+}
+
+void switchPlayedQueue(SonraJbuf_p& d, std::size_t next)
+{
+    combineCounts(d.m_earlierPlayed, d.m_candidates[d.m_played].m_queue->statistics(), d.m_playedSince);
+    d.m_playedSince = d.m_candidates[next].m_queue->statistics();
+    d.m_shrinking = next < d.m_played;
+    ++(d.m_shrinking ? d.m_earlierPlayed.switchesShallower : d.m_earlierPlayed.switchesDeeper);
+    d.m_played = next;
+    d.m_lastSwitchGet = d.m_getCount;
+    d.m_transitionGets = d.m_deliveredAny ? transitionGets(d) : 0;
+}
+
+// The adaptive policy, before each get.
+void choosePlayedQueue(SonraJbuf_p& d)
+{
+    const double target = SonraJbuf::PLAYOUT_TOO_OLD_TARGET;
+    const std::vector<SonraJbufCandidate_p>& candidates = d.m_candidates;
+    const std::size_t current = d.m_played;
+    std::size_t next = current;
+    if (candidates[current].m_tooOldShare > target) {
+        next = candidates.size() - 1;
+        for (std::size_t deeper = current + 1; deeper < candidates.size(); ++deeper) {
+            if (candidates[deeper].m_tooOldShare <= target) {
+                next = deeper;
+                break;
+            }
+        }
+    } else if (current > 0) {
+        const unsigned holdGets = SonraJbuf::PLAYOUT_DESCENT_HOLD_MS / d.m_frameDuration;
+        if (d.m_getCount - d.m_lastSwitchGet >= holdGets &&
+            candidates[current - 1].m_tooOldShare < target * SonraJbuf::PLAYOUT_DESCENT_FRACTION)
+            next = current - 1;
+    }
+    if (next != current)
+        switchPlayedQueue(d, next);
+}
+
+// Right after a move: whether `frame`, due from the new queue, may be
+// played. One at or before the last frame played (within a ring's reach,
+// so that a restarted stream is not held) is held back.
+bool passesTransition(SonraJbuf_p& d, const SonraJbufFrame_p* frame)
+{
+    --d.m_transitionGets;
+    if (!frame)
+        return false;
+    const int32_t ahead = static_cast<int32_t>(frame->m_seqNum - d.m_lastDeliveredSeqNum);
+    if (ahead <= 0 && ahead > -static_cast<int32_t>(transitionGets(d))) {
+        ++d.m_earlierPlayed.framesHeld;
+        return false;
+    }
+    if (d.m_shrinking && ahead > 1)
+        d.m_earlierPlayed.framesSkipped += static_cast<unsigned>(ahead - 1);
+    d.m_transitionGets = 0;
+    return true;
+}
 
 } // namespace
 
@@ -61,7 +171,8 @@ SonraJbufSimple::SonraJbufSimple(SonraJbuf_p* owner, unsigned bufDelayFrames, un
       m_getCount(0),
       m_runSeqNum(0),
       m_runLength(0),
-      m_runStart(0)
+      m_runStart(0),
+      m_primingGets(0)
 {
     SONRA_ASSERT(bufSize>=m_maxDelayFrames);
 }
@@ -134,6 +245,8 @@ bool SonraJbufSimple::putFrame(boost::shared_ptr<SonraJbufFrame_p> frame)
             const unsigned index = static_cast<unsigned>((static_cast<uint64_t>(m_headIndex) + offset) % m_bufSize);
             if (m_frames[index])
                 ++m_statistics.duplicates;
+            if (m_framesCount == 0)
+                primeDepth();
             m_frames[index] = frame;
             ++m_framesCount;
             if (index == m_headIndex)
@@ -191,6 +304,16 @@ bool SonraJbufSimple::refuseSuspect(const boost::shared_ptr<SonraJbufFrame_p>& f
     return tooOld;
 }
 
+// With the adaptive playout policy, a queue that starts again from empty
+// waits D - 1 periods before it plays, so that each queue holds its own
+// depth and the queues form a ladder of delays to choose from. (Without it
+// every queue plays at once and a deeper one differs only in cutting less.)
+void SonraJbufSimple::primeDepth()
+{
+    if (m_owner->m_policy == SonraJbuf::PLAYOUT_ADAPTIVE && m_bufDelayFrames > 0)
+        m_primingGets = m_bufDelayFrames - 1;
+}
+
 // Drops everything and anchors the head on `frame`, as on a new stream.
 void SonraJbufSimple::resync(const boost::shared_ptr<SonraJbufFrame_p>& frame)
 {
@@ -201,6 +324,7 @@ void SonraJbufSimple::resync(const boost::shared_ptr<SonraJbufFrame_p>& frame)
         }
     }
     ++m_statistics.resyncs;
+    primeDepth();
     m_frames[m_headIndex] = frame;
     m_framesCount = 1;
     m_headSeqNum = m_minSeqNum = frame->m_seqNum;
@@ -233,6 +357,11 @@ boost::shared_ptr<SonraJbufFrame_p> SonraJbufSimple::getFrame()
     const unsigned frameDuration = m_owner->m_frameDuration; // ms
     ++m_getCount;
     SONRA_DEBUG(LOG_CATEGORY, 0, false) << "Jbuf " << m_jbufPtr->currentTime() << " get frame ";
+    if (m_primingGets != 0) {
+        --m_primingGets;
+        ++m_statistics.underruns;
+        return boost::shared_ptr<SonraJbufFrame_p>();
+    }
 
     if (m_framesCount != 0 && m_dynReferenceBufDepth < m_framesCount - 1) {
         m_dynReferenceBufDepth = m_framesCount - 1;
@@ -310,6 +439,7 @@ SonraJbuf::SonraJbuf(unsigned int frameDuration) : d(new SonraJbuf_p)
     d->m_extraJitterDelay = 300;
     d->m_extraJitterFrames = 0;
     d->m_recovery = false;
+    d->m_policy = PLAYOUT_FIXED;
     reset();
 }
 
@@ -376,6 +506,19 @@ void SonraJbuf::reset()
         if (depth == d->m_maxBufDepth)
             break; // a maximum of UINT_MAX frames must not wrap the loop
     }
+
+    d->m_candidates.clear();
+    for (const auto& queue : d->m_queues)
+        d->m_candidates.push_back(SonraJbufCandidate_p{queue.second.get(), queue.first, false, 0.0});
+    d->m_played = d->m_initialBufDepth - d->m_minBufDepth;
+    d->m_getCount = 0;
+    d->m_lastSwitchGet = 0;
+    d->m_deliveredAny = false;
+    d->m_lastDeliveredSeqNum = 0;
+    d->m_transitionGets = 0;
+    d->m_shrinking = false;
+    d->m_earlierPlayed = SonraJbufStatistics();
+    d->m_playedSince = SonraJbufStatistics();
 }
 
 void SonraJbuf::putFrame(boost::shared_ptr<std::vector<char> > frame, unsigned int seqNum, unsigned int timeStamp)
@@ -385,27 +528,50 @@ void SonraJbuf::putFrame(boost::shared_ptr<std::vector<char> > frame, unsigned i
     record->m_timeStamp = timeStamp;
     record->m_data = frame;
     record->m_bufTime = currentTime();
-    for (const auto& queue : d->m_queues)
-        queue.second->putFrame(record);
+    for (SonraJbufCandidate_p& candidate : d->m_candidates)
+        candidate.m_refused = candidate.m_queue->putFrame(record);
+    if (d->m_policy == PLAYOUT_ADAPTIVE)
+        updateTooOldShares(*d);
 }
 
 unsigned int SonraJbuf::getFrame(boost::shared_ptr<std::vector<char> >& frame, unsigned int* seqNum,
                                  unsigned int* timeStamp)
 {
-    unsigned int result = 1;
-    for (const auto& queue : d->m_queues) {
-        const boost::shared_ptr<SonraJbufFrame_p> taken = queue.second->getFrame();
-        if (queue.first != d->m_initialBufDepth || !taken)
-            continue;
-        result = 0;
-        frame = taken->m_data;
-        if (seqNum)
-            *seqNum = taken->m_seqNum;
-        if (timeStamp)
-            *timeStamp = taken->m_timeStamp;
+    ++d->m_getCount;
+    if (d->m_policy == PLAYOUT_ADAPTIVE)
+        choosePlayedQueue(*d);
+    // Every queue is advanced; only the played one's frame is kept.
+    boost::shared_ptr<SonraJbufFrame_p> played;
+    const std::size_t count = d->m_candidates.size();
+    for (std::size_t i = 0; i < count; ++i) {
+        boost::shared_ptr<SonraJbufFrame_p> taken = d->m_candidates[i].m_queue->getFrame();
+        if (i == d->m_played)
+            played.swap(taken);
     }
-    return result;
+    if (d->m_transitionGets != 0 && !passesTransition(*d, played.get()))
+        return 1;
+    if (!played)
+        return 1;
+    d->m_deliveredAny = true;
+    d->m_lastDeliveredSeqNum = played->m_seqNum;
+    frame = played->m_data;
+    if (seqNum)
+        *seqNum = played->m_seqNum;
+    if (timeStamp)
+        *timeStamp = played->m_timeStamp;
+    return 0;
 }
+
+void SonraJbuf::setPlayoutPolicy(PlayoutPolicy policy)
+{
+    d->m_policy = policy;
+    reset();
+}
+
+double SonraJbuf::PLAYOUT_TOO_OLD_TARGET = 0.01;
+unsigned SonraJbuf::PLAYOUT_SHARE_FRAMES = 200;
+unsigned SonraJbuf::PLAYOUT_DESCENT_HOLD_MS = 5000;
+double SonraJbuf::PLAYOUT_DESCENT_FRACTION = 0.25;
 
 unsigned SonraJbuf::RECOVERY_RUN_FRAMES = 4;
 unsigned SonraJbuf::RECOVERY_MAX_JUMP_MS = 2000;
@@ -417,8 +583,14 @@ void SonraJbuf::setRecovery(bool enabled)
 
 SonraJbufStatistics SonraJbuf::statistics() const
 {
-    const auto played = d->m_queues.find(d->m_initialBufDepth);
-    return played == d->m_queues.end() ? SonraJbufStatistics() : played->second->statistics();
+    if (d->m_candidates.empty())
+        return SonraJbufStatistics();
+    const SonraJbufCandidate_p& played = d->m_candidates[d->m_played];
+    SonraJbufStatistics statistics = played.m_queue->statistics();
+    combineCounts(statistics, d->m_earlierPlayed, d->m_playedSince);
+    statistics.framesPlayed -= d->m_earlierPlayed.framesHeld; // the queues counted them as played
+    statistics.playedDepth = played.m_depth;
+    return statistics;
 }
 
 } // namespace ombrel

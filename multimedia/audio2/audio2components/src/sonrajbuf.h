@@ -31,6 +31,14 @@ struct SonraJbufStatistics {
     // With recovery on (SonraJbuf::setRecovery):
     uint64_t framesStray = 0;      // refused: would have moved the head further than a stream jumps
     uint64_t resyncs = 0;          // re-anchors on a run of refused frames that agree with each other
+    // With the adaptive playout policy (SonraJbuf::setPlayoutPolicy), the
+    // counts above add up what each queue did while it was the played one:
+    uint64_t switchesDeeper = 0;    // moves to a deeper queue
+    uint64_t switchesShallower = 0; // moves to a shallower queue
+    uint64_t framesHeld = 0;        // frames a deeper queue had due again after a move: not played
+                                    // (not in framesPlayed), each one period of added delay
+    uint64_t framesSkipped = 0;     // sequence numbers passed over by a move to a shallower queue
+    unsigned playedDepth = 0;       // frames, depth of the queue played now
     unsigned queuedFrames = 0;     // frames the queue counts as held now (a duplicate counts twice)
     unsigned lastResidenceTime = 0; // ms the last played frame spent in the buffer
     unsigned lastSeqNum = 0;       // sequence number of the last played frame
@@ -83,6 +91,7 @@ private:
     bool isSuspect(unsigned seqNum) const;
     bool refuseSuspect(const boost::shared_ptr<SonraJbufFrame_p>& frame);
     void resync(const boost::shared_ptr<SonraJbufFrame_p>& frame);
+    void primeDepth();
 
     SonraJbuf_p* m_owner;
     unsigned m_bufDelayFrames; // frames
@@ -101,6 +110,7 @@ private:
     unsigned m_runSeqNum;      // last frame of the current run of refused frames
     unsigned m_runLength;      // refused frames in the run; 0: no run
     unsigned m_runStart;       // m_getCount when the run began
+    unsigned m_primingGets;    // gets left before a queue that started from empty plays
     // Counters for SonraJbuf::statistics(); no decision reads them.
     SonraJbufStatistics m_statistics;
 };
@@ -156,6 +166,30 @@ public:
     void setRecovery(bool enabled);
     static unsigned RECOVERY_RUN_FRAMES;  // frames
     static unsigned RECOVERY_MAX_JUMP_MS; // ms
+
+    // Which queue is played. PLAYOUT_FIXED, the default: the queue of the
+    // initial delay, always. PLAYOUT_ADAPTIVE: the shallowest queue whose
+    // recent share of too-old frames (too old for it, in time for the
+    // deepest queue) stays at or under PLAYOUT_TOO_OLD_TARGET:
+    //  - the share is a running mean over about PLAYOUT_SHARE_FRAMES frames put;
+    //  - quick climb: once the played queue's share exceeds the target, the
+    //    next get plays the shallowest deeper queue at or under it (the
+    //    deepest when none is);
+    //  - slow descent: one depth at a time, once PLAYOUT_DESCENT_HOLD_MS have
+    //    passed since the last move and the next shallower queue's share is
+    //    under PLAYOUT_DESCENT_FRACTION of the target (the hysteresis);
+    //  - a move never repeats or reorders a frame: until the new queue has a
+    //    frame after the last one played, what it has due is held back (a
+    //    climb costs one held frame per frame of delay it adds), and a
+    //    descent passes over the frames between (one per frame of delay it
+    //    removes).
+    // Resets: everything buffered is dropped.
+    enum PlayoutPolicy : int32_t { PLAYOUT_FIXED = 0, PLAYOUT_ADAPTIVE = 1 };
+    void setPlayoutPolicy(PlayoutPolicy policy);
+    static double PLAYOUT_TOO_OLD_TARGET;    // share of frames put, 0..1
+    static unsigned PLAYOUT_SHARE_FRAMES;    // frames
+    static unsigned PLAYOUT_DESCENT_HOLD_MS; // ms
+    static double PLAYOUT_DESCENT_FRACTION;  // of the target
 
 private:
     boost::scoped_ptr<SonraJbuf_p> d;

@@ -46,6 +46,11 @@ void SonraReceiverNode::setRecovery(bool enabled)
     d->m_jbuf.setRecovery(enabled);
 }
 
+void SonraReceiverNode::setPlayoutPolicy(SonraJbuf::PlayoutPolicy policy)
+{
+    d->m_jbuf.setPlayoutPolicy(policy);
+}
+
 void SonraReceiverNode::dataReceived(boost::shared_ptr<std::vector<char> > data)
 {
     if (!data || data->size() < SonraPacket::HEADER_SIZE)
