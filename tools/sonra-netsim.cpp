@@ -3,7 +3,7 @@
 // buffer, Opus decoder, mixer) and writes what a listener would hear, with
 // a summary of what the network and the jitter buffer did.
 #include "sonratooloptions_p.h"
-#include "sonranetsim_p.h"
+#include "sonranetsim.h"
 
 #include <sndfile.h>
 #include <speex/speex_resampler.h>
