@@ -259,13 +259,19 @@ bool SonraJbufSimple::putFrame(boost::shared_ptr<SonraJbufFrame_p> frame)
     return tooOld;
 }
 
-// With recovery on: a frame that the queue rules would refuse, or that would
-// move the head further than a stream jumps. A dry queue's head stands
-// still, so the jump also measures how long the stream was away: a stream
-// back after RECOVERY_MAX_JUMP_MS of loss comes in as a run of strays.
+// With recovery on: a frame far from the stream, one that the queue rules
+// would refuse as older than the maximum lead below the lowest playable
+// number, or place nowhere, or one that would move the head further than a
+// stream jumps. A frame only a little too old is a late one and left to the
+// queue rules (a stream that went back that little catches up by itself
+// once the queue is dry). A dry queue's head stands still, so the jump also
+// measures how long the stream was away: a stream back after
+// RECOVERY_MAX_JUMP_MS of loss comes in as a run of strays.
 bool SonraJbufSimple::isSuspect(unsigned seqNum) const
 {
-    if (seqNum < m_minSeqNum || (seqNum == 0 && m_framesCount == 0))
+    if (seqNum < m_minSeqNum)
+        return m_minSeqNum - seqNum > m_maxDelayFrames;
+    if (seqNum == 0 && m_framesCount == 0)
         return true;
     const unsigned jumpFrames = SonraJbuf::RECOVERY_MAX_JUMP_MS / m_owner->m_frameDuration;
     const unsigned maxJump = jumpFrames > m_maxDelayFrames ? jumpFrames : m_maxDelayFrames;
@@ -280,14 +286,6 @@ bool SonraJbufSimple::isSuspect(unsigned seqNum) const
 bool SonraJbufSimple::refuseSuspect(const boost::shared_ptr<SonraJbufFrame_p>& frame)
 {
     const unsigned seqNum = frame->m_seqNum;
-    const bool tooOld = seqNum < m_minSeqNum;
-    if (tooOld)
-        ++m_statistics.framesTooOld;
-    else if (seqNum == 0)
-        ++m_statistics.framesUnnumbered;
-    else
-        ++m_statistics.framesStray;
-
     const int32_t step = static_cast<int32_t>(seqNum - m_runSeqNum);
     const int32_t lead = static_cast<int32_t>(m_maxDelayFrames);
     if (m_runLength != 0 && step != 0 && step >= -lead && step <= lead) {
@@ -299,8 +297,17 @@ bool SonraJbufSimple::refuseSuspect(const boost::shared_ptr<SonraJbufFrame_p>& f
     m_runSeqNum = seqNum;
     const unsigned runFrames = SonraJbuf::RECOVERY_RUN_FRAMES;
     // Numbered 0, the frame would leave the queue without a head.
-    if (seqNum != 0 && m_runLength >= runFrames && m_getCount - m_runStart + 1 >= runFrames)
+    if (seqNum != 0 && m_runLength >= runFrames && m_getCount - m_runStart + 1 >= runFrames) {
         resync(frame);
+        return false;
+    }
+    const bool tooOld = seqNum < m_minSeqNum;
+    if (tooOld)
+        ++m_statistics.framesTooOld;
+    else if (seqNum == 0)
+        ++m_statistics.framesUnnumbered;
+    else
+        ++m_statistics.framesStray;
     return tooOld;
 }
 

@@ -156,11 +156,13 @@ public:
     //  - refuses, as stray, a frame that would move its head further ahead
     //    than max(its maximum lead, RECOVERY_MAX_JUMP_MS / frame duration),
     //    so that one far-ahead datagram never moves the stream;
-    //  - re-anchors on a run of RECOVERY_RUN_FRAMES refused frames (too old,
-    //    stray or unnumbered) with no stored frame between them, each within
-    //    the maximum lead of the one before, spanning at least
+    //  - re-anchors on a run of RECOVERY_RUN_FRAMES frames far from the
+    //    stream (stray, unnumbered, or older than the maximum lead below the
+    //    lowest playable number) with no stored frame between them, each
+    //    within the maximum lead of the one before, spanning at least
     //    RECOVERY_RUN_FRAMES - 1 gets: a restarted or re-numbered stream
-    //    plays again within RECOVERY_RUN_FRAMES periods;
+    //    plays again within RECOVERY_RUN_FRAMES periods (frames only a little
+    //    too old are late ones, left to the queue rules);
     //  - anchors on any number but 0, so a stream may cross 2^31.
     // Off, the frames are exactly those of the queue rules.
     void setRecovery(bool enabled);
