@@ -184,7 +184,10 @@ public:
     //    frame after the last one played, what it has due is held back (a
     //    climb costs one held frame per frame of delay it adds), and a
     //    descent passes over the frames between (one per frame of delay it
-    //    removes).
+    //    removes);
+    //  - so that the depths are a ladder of delays to choose from, a queue
+    //    that starts from empty (first frame, after running dry, after a
+    //    resync) waits D - 1 periods before it plays.
     // Resets: everything buffered is dropped.
     enum PlayoutPolicy : int32_t { PLAYOUT_FIXED = 0, PLAYOUT_ADAPTIVE = 1 };
     void setPlayoutPolicy(PlayoutPolicy policy);
