@@ -17,6 +17,7 @@
 
 #include <boost/asio/ip/udp.hpp>
 #include <boost/asio/signal_set.hpp>
+#include <boost/asio/steady_timer.hpp>
 #include <boost/make_shared.hpp>
 
 #include <chrono>
@@ -38,6 +39,10 @@ namespace {
 const unsigned RATE = SonraG711EncNode::G711_RATE; // Hz
 const unsigned FRAME_DURATION = 20;                // ms, one packet per graph frame
 const unsigned FRAME_SAMPLES = RATE * FRAME_DURATION / 1000;
+// Frame periods from the first packet's arrival to the first graph frame:
+// the slack for arrivals that wander against the graph's own clock, which
+// SpeexDSP's buffer would otherwise buy by missing a frame first.
+const double PLAYOUT_PHASE = 1.5;
 
 typedef boost::shared_ptr<std::vector<char> > Frame;
 
@@ -55,8 +60,8 @@ const char* const USAGE =
     "          limit), S seconds after the stream stops (default 1) or on Ctrl-C\n"
     "  replay  feeds the RTP packets of a capture (UDP over IPv4 or IPv6; the first stream,\n"
     "          or the one with SSRC N) to the receiver at their captured arrival times, on a\n"
-    "          simulated clock half a frame behind the first arrival, writes what was played and prints what was played, late\n"
-    "          and lost\n"
+    "          simulated clock, as recv would have played them; writes what was played\n"
+    "          and prints how many frames were played and packets late and lost\n"
     "Lost packets are concealed as one frame each, so the stream goes on at once.\n";
 
 using sonratool::UsageError;
@@ -296,40 +301,56 @@ int receive(const Options& options)
 
     ReceivePath path(io);
     std::size_t received = 0;
-    auto lastArrival = std::chrono::steady_clock::now();
-    const auto started = lastArrival;
+    const auto launched = std::chrono::steady_clock::now();
+    auto lastArrival = launched, deadline = launched;
     std::vector<char> buffer(65536);
-    udp::endpoint peer;
-    std::function<void()> listen = [&]() {
-        socket.async_receive_from(boost::asio::buffer(buffer), peer,
-                                  [&](const boost::system::error_code& e, std::size_t size) {
-                                      if (e)
-                                          return;
-                                      ++received;
-                                      lastArrival = std::chrono::steady_clock::now();
-                                      path.receiver->dataReceived(boost::make_shared<std::vector<char> >(
-                                          buffer.begin(), buffer.begin() + size));
-                                      listen();
-                                  });
+    // Everything that arrived by now goes to the receiver before each frame,
+    // so that the order of wake-ups on a busy host does not matter.
+    auto drain = [&]() {
+        udp::endpoint peer;
+        boost::system::error_code e;
+        for (std::size_t size; (size = socket.receive_from(boost::asio::buffer(buffer), peer, 0, e)), !e;) {
+            ++received;
+            lastArrival = std::chrono::steady_clock::now();
+            path.receiver->dataReceived(boost::make_shared<std::vector<char> >(buffer.begin(), buffer.begin() + size));
+        }
     };
-    listen();
-    auto finish = [&]() {
-        path.pipe->stop();
-        io->stop();
+    socket.non_blocking(true);
+    auto finish = [&]() { io->stop(); };
+    boost::asio::steady_timer frames(*io), end(*io);
+    std::function<void()> nextFrame = [&]() {
+        frames.expires_at(deadline);
+        frames.async_wait([&](const boost::system::error_code& e) {
+            if (e)
+                return;
+            drain();
+            path.pipe->processFrame();
+            if (std::chrono::steady_clock::now() - lastArrival >= std::chrono::duration<double>(options.idle))
+                return finish();
+            deadline += std::chrono::milliseconds(FRAME_DURATION);
+            nextFrame();
+        });
     };
-    path.pipe->workCycleSignal.connect([&]() {
-        const auto now = std::chrono::steady_clock::now();
-        if ((options.seconds > 0 && now - started >= std::chrono::duration<double>(options.seconds)) ||
-            (received > 0 && now - lastArrival >= std::chrono::duration<double>(options.idle)))
-            io->post(finish);
+    socket.async_wait(udp::socket::wait_read, [&](const boost::system::error_code& e) {
+        if (e)
+            return;
+        drain();
+        deadline = lastArrival + std::chrono::microseconds(long(PLAYOUT_PHASE * FRAME_DURATION * 1000));
+        nextFrame();
     });
+    if (options.seconds > 0) {
+        end.expires_at(launched + std::chrono::microseconds(static_cast<long long>(options.seconds * 1e6)));
+        end.async_wait([&](const boost::system::error_code& e) {
+            if (!e)
+                finish();
+        });
+    }
     boost::asio::signal_set interrupts(*io, SIGINT, SIGTERM);
     interrupts.async_wait([&](const boost::system::error_code& e, int) {
         if (!e)
             finish();
     });
     std::fprintf(stderr, "sonra-rtp: listening on %s UDP port %u\n", options.bind.c_str(), options.port);
-    path.pipe->start(io);
     io->run();
     sonratool::writeWav(options.output, path.playout.samples(), RATE);
     std::fprintf(stderr, "sonra-rtp: received %zu datagrams, played %zu frames (%zu silent between them)\n",
@@ -386,11 +407,11 @@ int replay(const Options& options)
     ReceivePath path(io);
     const double start = stream.front().arrival; // s
     std::size_t next = 0, quietFrames = 0;
-    // Frame k is played at start + (k + 1/2) frame periods, after every
-    // packet that arrived by then: half a frame from the arrivals, as a clock
-    // of its own would be on average. Then until a second of silence.
+    // Frame k is played at start + (k + PLAYOUT_PHASE) frame periods, after
+    // every packet that arrived by then, as recv plays; then until a second
+    // of silence.
     for (unsigned k = 0; next < stream.size() || quietFrames < 1000 / FRAME_DURATION; ++k) {
-        const double now = start + (k + 0.5) * FRAME_DURATION / 1000.0;
+        const double now = start + (k + PLAYOUT_PHASE) * FRAME_DURATION / 1000.0;
         for (; next < stream.size() && stream[next].arrival <= now; ++next) {
             const sonratool::Bytes& bytes = stream[next].payload;
             path.receiver->dataReceived(boost::make_shared<std::vector<char> >(bytes.begin(), bytes.end()));
