@@ -407,11 +407,17 @@ int replay(const Options& options)
     ReceivePath path(io);
     const double start = stream.front().arrival; // s
     std::size_t next = 0, quietFrames = 0;
-    // Frame k is played at start + (k + PLAYOUT_PHASE) frame periods, after
-    // every packet that arrived by then, as recv plays; then until a second
-    // of silence.
-    for (unsigned k = 0; next < stream.size() || quietFrames < 1000 / FRAME_DURATION; ++k) {
-        const double now = start + (k + PLAYOUT_PHASE) * FRAME_DURATION / 1000.0;
+    // Frames are played PLAYOUT_PHASE frame periods after the first arrival
+    // and one period apart, each after every packet that arrived by then, as
+    // recv plays; then until a second of silence. A later packet after such
+    // a second restarts the clock: a longer pause (or a broken capture time)
+    // is shortened to that second.
+    const double period = FRAME_DURATION / 1000.0;        // s
+    const std::size_t quietEnough = 1000 / FRAME_DURATION; // frames
+    for (double now = start + PLAYOUT_PHASE * period; next < stream.size() || quietFrames < quietEnough;
+         now += period) {
+        if (quietFrames >= quietEnough && next < stream.size() && stream[next].arrival > now)
+            now = stream[next].arrival + PLAYOUT_PHASE * period;
         for (; next < stream.size() && stream[next].arrival <= now; ++next) {
             const sonratool::Bytes& bytes = stream[next].payload;
             path.receiver->dataReceived(boost::make_shared<std::vector<char> >(bytes.begin(), bytes.end()));
