@@ -42,7 +42,7 @@ const unsigned FRAME_SAMPLES = RATE * FRAME_DURATION / 1000;
 // Frame periods from the first packet's arrival to the first graph frame:
 // the slack for arrivals that wander against the graph's own clock, which
 // SpeexDSP's buffer would otherwise buy by missing a frame first.
-const double PLAYOUT_PHASE = 1.5;
+const double PLAYOUT_PHASE = 3;
 
 typedef boost::shared_ptr<std::vector<char> > Frame;
 
