@@ -96,6 +96,9 @@ TEST(RtpSender, NumbersPacketsAndStampsThemInSamples)
         rig.node->reset(5);
         rig.run(bytesFrame({4}));
         EXPECT_EQ(4 * rate / 50 + 5, SonraRtpPacket(bytesFrame(rig.sent[2])).timeStamp());
+        rig.node->clearSendHandler();
+        rig.run(bytesFrame({5}));
+        EXPECT_EQ(3u, rig.sent.size());
     }
     SenderRig rig;
     for (unsigned i = 0; i < 65537; ++i)
