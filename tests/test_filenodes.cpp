@@ -74,7 +74,8 @@ struct Warnings {
 template <class Node>
 struct Source {
     template <class... Args>
-    explicit Source(Args... args) : pipe(boost::make_shared<SonraPipe>(20)), node(boost::make_shared<Node>(ioService(), args..., 20, RATE))
+    explicit Source(unsigned rate, Args... args)
+        : pipe(boost::make_shared<SonraPipe>(20)), node(boost::make_shared<Node>(ioService(), args..., 20, rate))
     {
         pipe->addNode(node);
     }
@@ -86,19 +87,45 @@ struct Source {
 };
 
 struct Reader : Source<SonraFileReaderNode> {
-    explicit Reader(boost::shared_ptr<SonraVSndFileVfs> vfs = boost::make_shared<SonraPlainVSndFileVfs>()) { node->setVSndFile(vfs); }
+    explicit Reader(boost::shared_ptr<SonraVSndFileVfs> vfs = boost::make_shared<SonraPlainVSndFileVfs>(),
+                    unsigned rate = RATE)
+        : Source(rate) { node->setVSndFile(vfs); }
     int start(const std::string& name) { return node->start(name, channels, duration, [this](int c) { codes.push_back(c); }); }
     unsigned channels = 0, duration = 0;
 };
 
 struct Player : Source<SonraFilePlayNode> {
-    Player() : Source(SonraFilePlayNode::DEFAULT_MAX_FILESIZE) {}
-    int start(const std::string& name, bool loop = false)
+    Player() : Source(RATE, SonraFilePlayNode::DEFAULT_MAX_FILESIZE) {}
+    // The callback records `tag`.
+    int start(const std::string& name, bool loop = false, int tag = 0)
     {
-        return node->start(name, channels, [this] { codes.push_back(0); }, loop);
+        return node->start(name, channels, [this, tag] { codes.push_back(tag); }, loop);
     }
     unsigned channels = 0;
 };
+
+// 1000 mono frames at the graph's rate: 1, 2, 3...
+std::string rampFile()
+{
+    std::vector<int16_t> ramp(1000);
+    for (int i = 0; i < 1000; ++i)
+        ramp[i] = int16_t(i + 1);
+    return soundFile("ramp.wav", SF_FORMAT_WAV | SF_FORMAT_PCM_16, RATE, 1, ramp);
+}
+
+std::vector<int16_t> rampFrame(int first, int count = 320)
+{
+    std::vector<int16_t> frame(320);
+    for (int i = 0; i < count; ++i)
+        frame[i] = int16_t(first + i + 1);
+    return frame;
+}
+
+// Samples, channels and rate that soxi reads from `path`.
+std::string soxi(const std::string& path)
+{
+    return shell("echo $(soxi -s " + path + ") $(soxi -c " + path + ") $(soxi -r " + path + ")");
+}
 
 struct FileCase {
     const char* name;
@@ -153,3 +180,225 @@ INSTANTIATE_TEST_SUITE_P(Files, ReaderFormats, testing::Values(
     FileCase{"16k.wav", SF_FORMAT_WAV | SF_FORMAT_PCM_16, 16000, 1}, FileCase{"48k.wav", SF_FORMAT_WAV | SF_FORMAT_PCM_16, 48000, 2},
     FileCase{"44k.flac", SF_FORMAT_FLAC | SF_FORMAT_PCM_16, 44100, 1}, FileCase{"11k.ogg", SF_FORMAT_OGG | SF_FORMAT_VORBIS, 11025, 1},
     FileCase{"8k.aiff", SF_FORMAT_AIFF | SF_FORMAT_PCM_16, 8000, 2}));
+
+// The last block is padded, the frame after it stops with -4; a new start()
+// ends the file playing with -4; pause() holds the position; a refused
+// name (-1) installs no callback; libsndfile's refusal (-2) is logged and
+// keeps the callback for the next start(); files without frames or too slow
+// for one frame a graph frame stop with -2.
+TEST(FileReader, PlaysPadsStopsAndRefuses)
+{
+    const std::string ramp = rampFile();
+    Reader reader;
+    ASSERT_EQ(0, reader.start(ramp));
+    EXPECT_EQ(ramp, reader.node->fileName());
+    for (int first : {0, 320, 640})
+        EXPECT_EQ(rampFrame(first), samplesOf(reader.step()));
+    EXPECT_EQ(rampFrame(960, 40), samplesOf(reader.step())) << "280 samples of silence";
+    EXPECT_EQ(std::vector<int>{}, reader.codes);
+    EXPECT_FALSE(reader.step());
+    EXPECT_EQ(std::vector<int>{-4}, reader.codes);
+    EXPECT_EQ("", reader.node->fileName());
+
+    ASSERT_EQ(0, reader.start(ramp));
+    reader.step();
+    ASSERT_EQ(0, reader.start(ramp));
+    EXPECT_EQ((std::vector<int>{-4, -4}), reader.codes) << "the first file ended";
+    reader.step();
+    reader.node->pause();
+    EXPECT_FALSE(reader.step());
+    reader.node->resume();
+    EXPECT_EQ(rampFrame(320), samplesOf(reader.step()));
+
+    EXPECT_EQ(-1, reader.start(temp("missing.wav")));
+    EXPECT_EQ(3u, reader.codes.size());
+    std::ofstream(temp("text.wav")) << "no sound in here";
+    Warnings warnings;
+    EXPECT_EQ(-2, reader.start(temp("text.wav")));
+    EXPECT_EQ(std::vector<std::string>{"Sound file reader failed to open sndfile: " + std::string(sf_strerror(nullptr))},
+              warnings.texts);
+    EXPECT_EQ(3u, reader.codes.size());
+    EXPECT_EQ(-2, reader.start(soundFile("empty.wav", SF_FORMAT_WAV | SF_FORMAT_PCM_16, RATE, 1, {})));
+    EXPECT_EQ(-2, reader.start(soundFile("40hz.wav", SF_FORMAT_WAV | SF_FORMAT_PCM_16, 40, 1, rampFrame(0))));
+    EXPECT_EQ((std::vector<int>{-4, -4, -4, -4, -2, -2}), reader.codes);
+    EXPECT_FALSE(reader.step());
+}
+
+// seek(3) on a 44.1 kHz file moves to frame 132300; past the end it changes nothing.
+TEST(FileReader, SeeksInWholeSeconds)
+{
+    std::vector<int16_t> samples(4 * 44100);
+    for (std::size_t i = 0; i < samples.size(); ++i)
+        samples[i] = int16_t(i % 30011);
+    Reader reader(boost::make_shared<SonraPlainVSndFileVfs>(), 44100);
+    ASSERT_EQ(0, reader.start(soundFile("44k.wav", SF_FORMAT_WAV | SF_FORMAT_PCM_16, 44100, 1, samples)));
+    reader.step();
+    reader.node->seek(3);
+    EXPECT_EQ(slice(samples, 132300, 882), samplesOf(reader.step()));
+    reader.node->seek(5);
+    EXPECT_EQ(slice(samples, 132300 + 882, 882), samplesOf(reader.step()));
+}
+
+// Two seconds of 20 ms frames recorded as Ogg Vorbis: soxi finds 32000
+// frames of one channel at 16000 Hz, and sox decodes the tones back. A
+// 641-byte frame writes 320 frames; stereo frames of 1280 bytes write 320
+// each; a new start() finishes the first file; paused frames are not written;
+// a recording in memory reads back through the reader.
+TEST(FileWriter, RecordsOggVorbisThatSoxReadsBack)
+{
+    NodeGraph<SonraFileWriterNode> graph(boost::make_shared<SonraFileWriterNode>(ioService(), 20, RATE), RATE);
+    SonraFileWriterNode& writer = *graph.node;
+    writer.setVSndFile(boost::make_shared<SonraPlainVSndFileVfs>());
+    const std::vector<int16_t> tones = interleave(sine(440, RATE, 32000), sine(1700, RATE, 32000, 4000));
+    std::vector<int16_t> mono(32000);
+    for (std::size_t i = 0; i < mono.size(); ++i)
+        mono[i] = tones[2 * i] + tones[2 * i + 1];
+    ASSERT_EQ(0, writer.start(temp("rec.ogg"), 1));
+    EXPECT_EQ(std::vector<int16_t>{}, graph.runAll(mono, 320)) << "a sink";
+    writer.stop();
+    const std::vector<std::string> counts = {"32000 1 16000\n", "31999 1 16000\n", "32001 1 16000\n"};
+    EXPECT_NE(counts.end(), std::find(counts.begin(), counts.end(), soxi(temp("rec.ogg")))) << soxi(temp("rec.ogg"));
+    const std::vector<int16_t> back = readPipe("sox " + temp("rec.ogg") + " -t raw -e signed -b 16 -");
+    ASSERT_GE(back.size(), 31999u);
+    double both = 0, in = 0, out = 0;
+    for (std::size_t i = 0; i < 31999; ++i)
+        both += double(mono[i]) * back[i], in += double(mono[i]) * mono[i], out += double(back[i]) * back[i];
+    EXPECT_GT(both / std::sqrt(in * out), 0.98);
+
+    ASSERT_EQ(0, writer.start(temp("odd.ogg"), 1));
+    graph.run(boost::make_shared<std::vector<char> >(641, 0));
+    ASSERT_EQ(0, writer.start(temp("stereo.ogg"), 2));
+    EXPECT_EQ("320 1 16000\n", soxi(temp("odd.ogg"))) << "finished by the new start()";
+    graph.runAll(slice(tones, 0, 6400), 640);
+    writer.pause();
+    graph.runAll(slice(tones, 0, 6400), 640);
+    writer.resume();
+    graph.runAll(slice(tones, 0, 3200), 640);
+    writer.stop();
+    EXPECT_EQ("4800 2 16000\n", soxi(temp("stereo.ogg")));
+
+    auto memory = boost::make_shared<SonraMemoryVSndFileVfs>();
+    writer.setVSndFile(memory);
+    ASSERT_EQ(0, writer.start("call.ogg", 1));
+    graph.runAll(mono, 320);
+    writer.stop();
+    Reader reader(memory);
+    ASSERT_EQ(0, reader.start("call.ogg"));
+    EXPECT_EQ(2u, reader.duration);
+
+    Warnings warnings;
+    EXPECT_EQ(-1, writer.start("zero.ogg", 0));
+    EXPECT_EQ(std::vector<std::string>{"Sound file writer failed to open sndfile: " + std::string(sf_strerror(nullptr))},
+              warnings.texts);
+    writer.setVSndFile(boost::make_shared<SonraPlainVSndFileVfs>());
+    EXPECT_EQ(-1, writer.start(temp("no/such/dir.ogg"), 1));
+}
+
+// A file at the graph's rate: three frames, then none for the 80-byte tail,
+// then a stop (callback once, also after a second stop()) or, looping, the
+// first frame again. reset() rewinds; a new start() drops the old callback.
+TEST(FilePlay, PlaysOnceOrInALoop)
+{
+    const std::string ramp = rampFile();
+    for (bool loop : {false, true}) {
+        Player player;
+        ASSERT_EQ(0, player.start(ramp, loop));
+        for (int first : {0, 320, 640})
+            EXPECT_EQ(rampFrame(first), samplesOf(player.step()));
+        EXPECT_FALSE(player.step());
+        EXPECT_EQ(loop ? rampFrame(0) : std::vector<int16_t>{}, samplesOf(player.step()));
+        EXPECT_EQ(loop ? std::vector<int>{} : std::vector<int>{0}, player.codes);
+        player.node->stop();
+        player.node->stop();
+        EXPECT_EQ(std::vector<int>{0}, player.codes);
+    }
+    Player player;
+    ASSERT_EQ(0, player.start(ramp, false, 1));
+    player.step();
+    player.node->reset(0);
+    EXPECT_EQ(rampFrame(0), samplesOf(player.step()));
+    ASSERT_EQ(0, player.start(ramp, true, 2));
+    player.node->stop();
+    EXPECT_EQ(std::vector<int>{2}, player.codes);
+}
+
+// 1000 frames at 8 kHz become SpeexDSP's one-pass conversion padded with
+// silence to seven whole frames, so the loop wraps without a gap.
+TEST(FilePlay, ConvertsAndPadsForSeamlessLoops)
+{
+    const std::vector<int16_t> tone = sine(300, 8000, 1000);
+    std::vector<int16_t> converted(4000);
+    SpeexResamplerState* whole = speex_resampler_init(1, 8000, RATE, 5, nullptr);
+    spx_uint32_t inLen = 1000, outLen = 4000;
+    speex_resampler_process_int(whole, 0, tone.data(), &inLen, converted.data(), &outLen);
+    speex_resampler_destroy(whole);
+    converted.resize(outLen);
+    converted.resize(7 * 320);
+    Player player;
+    ASSERT_EQ(0, player.start(soundFile("8k.wav", SF_FORMAT_WAV | SF_FORMAT_PCM_16, 8000, 1, tone), true));
+    std::vector<int16_t> out;
+    for (int i = 0; i < 8; ++i) {
+        const std::vector<int16_t> frame = samplesOf(player.step());
+        out.insert(out.end(), frame.begin(), frame.end());
+    }
+    EXPECT_EQ(converted, slice(out, 0, 7 * 320));
+    EXPECT_EQ(slice(out, 0, 320), slice(out, 7 * 320, 320));
+}
+
+// The size limit holds to the byte; missing -4, not audio -3 (logged with
+// libsndfile's text), a directory -2, a name the virtual file refuses -2.
+// A failed start() leaves the node silent.
+TEST(FilePlay, ResultCodes)
+{
+    const std::string big = soundFile("1mib.wav", SF_FORMAT_WAV | SF_FORMAT_PCM_16, RATE, 1,
+                                      std::vector<int16_t>((1048576 - 44) / 2, 100));
+    ASSERT_EQ(1048576u, bytesOf(big).size());
+    Player player;
+    EXPECT_EQ(0, player.start(big));
+    EXPECT_TRUE(player.step());
+    std::ofstream(big, std::ios::app) << 'x';
+    EXPECT_EQ(-1, player.start(big));
+    EXPECT_FALSE(player.step());
+    EXPECT_EQ(-4, player.start(temp("missing.wav")));
+    EXPECT_EQ(-2, player.start(testing::TempDir()));
+    std::ofstream(temp("text.wav")) << "no sound in here";
+    Warnings warnings;
+    EXPECT_EQ(-3, player.start(temp("text.wav")));
+    EXPECT_EQ(std::vector<std::string>{"SonraFilePlayNode::start: failed to open sndfile: " + std::string(sf_strerror(nullptr))},
+              warnings.texts);
+    auto memory = boost::make_shared<SonraMemoryVSndFileVfs>("ramp", bytesOf(rampFile()));
+    player.node->setVSndFile(memory.get());
+    EXPECT_EQ(-2, player.start("other"));
+    EXPECT_EQ(0, player.start("ramp"));
+    EXPECT_EQ(rampFrame(0), samplesOf(player.step()));
+    EXPECT_EQ(std::vector<int>{}, player.codes);
+}
+
+// Every format cut short, cut to its header, or with bytes overwritten: a
+// result code, and if the file plays, whole frames until it ends.
+TEST(FileNodes, CorruptAndTruncatedFilesNeverCrash)
+{
+    const std::vector<int16_t> tone = interleave(sine(440, 44100, 8000), sine(660, 44100, 8000));
+    Warnings quiet;
+    for (int format : {SF_FORMAT_WAV | SF_FORMAT_PCM_16, SF_FORMAT_FLAC | SF_FORMAT_PCM_16,
+                       SF_FORMAT_OGG | SF_FORMAT_VORBIS, SF_FORMAT_AIFF | SF_FORMAT_PCM_16}) {
+        const std::vector<char> good = bytesOf(soundFile("good", format, 44100, 2, tone));
+        for (int variant = 0; variant < 5; ++variant) {
+            std::vector<char> bad(good.begin(), good.begin() + std::vector<std::size_t>{good.size() / 2, 60, 12, good.size(), good.size()}[variant]);
+            for (std::size_t i = 40; variant >= 3 && i < bad.size(); i += variant == 3 ? 97 : 7)
+                bad[i] = char(bad[i] * 31 + 7);
+            auto memory = boost::make_shared<SonraMemoryVSndFileVfs>("bad", bad);
+            Reader reader(memory);
+            const int read = reader.start("bad");
+            EXPECT_TRUE(read == 0 || read == -2) << format << " " << variant;
+            for (int frames = 0; read == 0 && frames < 1000 && reader.step(); ++frames)
+                ASSERT_EQ(640u * reader.channels, reader.node->outputData()->size());
+            Player player;
+            player.node->setVSndFile(memory.get());
+            const int played = player.start("bad", true);
+            EXPECT_TRUE(played == 0 || played == -3) << format << " " << variant;
+            for (int frames = 0; played == 0 && frames < 20; ++frames)
+                player.step();
+        }
+    }
+}
