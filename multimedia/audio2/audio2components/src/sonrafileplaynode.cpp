@@ -53,7 +53,7 @@ SonraFilePlayNode::~SonraFilePlayNode()
 
 void SonraFilePlayNode::setVSndFile(SonraVSndFile* file)
 {
-    d->m_vfsPtr = file->vfs();
+    d->m_vfsPtr = file ? file->vfs() : boost::shared_ptr<SonraVSndFileVfs>();
 }
 
 int SonraFilePlayNode::start(const std::string& fileName, unsigned& channels,

@@ -52,7 +52,8 @@ public:
     boost::shared_ptr<std::vector<char> > doProcess() override;
 
     // Reads files through `file->vfs()` from now on (the node keeps that
-    // channel, not `file`); no size limit applies then.
+    // channel, not `file`); no size limit applies then. A null `file` goes
+    // back to plain files.
     void setVSndFile(SonraVSndFile* file);
     // Loads `fileName` and plays it from its start, once or in a loop; gives
     // the file's channel count (also set as the node's output channels).
