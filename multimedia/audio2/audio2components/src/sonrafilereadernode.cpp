@@ -180,8 +180,10 @@ boost::shared_ptr<std::vector<char> > SonraFileReaderNode::doProcess()
         stop(CODE_FINISHED);
         return boost::shared_ptr<std::vector<char> >();
     }
+    // Sized for the file's channels, which the node set as its output
+    // channels: an owner changing them later cannot make a read overrun.
     const boost::shared_ptr<std::vector<char> > out =
-        boost::make_shared<std::vector<char> >(static_cast<std::size_t>(frameSize()) * outputChannels());
+        boost::make_shared<std::vector<char> >(static_cast<std::size_t>(d->m_pipeFrameSamples) * d->bytesPerFrame());
     if (d->m_resampler)
         readResampled(*out);
     else
