@@ -127,6 +127,7 @@ TEST(DeviceContainer, WithoutCaptureNodeNoCaptureIsOfferedOrKept)
     EXPECT_TRUE(debug.texts().empty());
     f.play(frameOf({0x3031}));
     EXPECT_EQ(std::string("10\0\0", 4), f.block("captured", 4)); // playback still filled
+    EXPECT_TRUE(f.device->callback("in", 2, nullptr, 4, 0)); // no playback buffer: nothing is written
     EXPECT_FALSE(f.container->processCapture());
 }
 

@@ -30,22 +30,14 @@ Samples everySample(int step = 1)
 }
 const Bytes EVERY_CODE = convertAll(everySample(256), +[](int16_t v) { return uint8_t(v / 256 + 128); });
 
-Samples levelsOf(int16_t (*decode)(uint8_t))
-{
-    Samples levels = convertAll(EVERY_CODE, decode);
-    std::sort(levels.begin(), levels.end());
-    return levels;
-}
-
 struct Law {
     const char* soxEncoding; // "a-law" or "u-law"
     uint8_t (*encode)(int16_t);
     int16_t (*decode)(uint8_t);
     int gridStep; // the step sox rounds to before it encodes
-    Samples levels;
 };
-const Law ALAW = {"a-law", linear2alaw, alaw2linear, 8, levelsOf(alaw2linear)};
-const Law ULAW = {"u-law", linear2ulaw, ulaw2linear, 4, levelsOf(ulaw2linear)};
+const Law ALAW = {"a-law", linear2alaw, alaw2linear, 8};
+const Law ULAW = {"u-law", linear2ulaw, ulaw2linear, 4};
 
 // What a shell command writes to its standard output, as native values.
 template <typename T>
@@ -61,15 +53,6 @@ std::string python(const std::string& bytes)
 {
     return "python3 -W ignore -c \"import array, sys; pcm = array.array('h', range(-32768, 32768)).tobytes(); "
            "codes = bytes(range(256)); sys.stdout.buffer.write(" + bytes + ")\"";
-}
-
-// One quantisation step: the interval between the levels enclosing the sample.
-int allowedError(const Law& law, int sample)
-{
-    const auto upper = std::upper_bound(law.levels.begin(), law.levels.end(), sample);
-    if (upper == law.levels.end() || upper == law.levels.begin())
-        return std::max(sample - law.levels.back(), law.levels.front() - sample);
-    return *upper - *(upper - 1);
 }
 
 } // namespace
@@ -100,15 +83,11 @@ TEST(G711Conversions, AgreeWithSox)
     }
 }
 
-TEST(G711Conversions, SilenceTruncationAndEveryRoundTripWithinOneStep)
+TEST(G711Conversions, SilenceAndTruncation)
 {
     EXPECT_EQ((std::vector<int>{0xD5, 0xFF, 8, 0}), (std::vector<int>{linear2alaw(0), linear2ulaw(0), alaw2linear(0xD5), ulaw2linear(0xFF)}));
     EXPECT_EQ(linear2alaw(0), linear2alaw(15)); // truncated: the A-law step below 256 is 16
     EXPECT_NE(linear2alaw(15), linear2alaw(16));
-    for (const Law& law : {ALAW, ULAW})
-        for (int16_t sample : everySample())
-            ASSERT_LE(std::abs(law.decode(law.encode(sample)) - sample), allowedError(law, sample))
-                << law.soxEncoding << ", sample " << sample;
 }
 
 const unsigned RATE = 8000, DURATION = 20, N = 160; // Hz, ms, samples per frame
