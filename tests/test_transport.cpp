@@ -111,8 +111,8 @@ TEST(Jbuf, PlaysInOrderUnderrunsThenReanchorsAndRefusesTheOld)
     EXPECT_EQ((Counts{5, 4, 1, 2, 0, 7, 140}), (Counts{s.framesPut, s.framesPlayed, s.framesTooOld, s.underruns,
                                                        s.queuedFrames, s.lastSeqNum, s.lastTimeStamp}));
     JbufRig ahead;
-    ahead.puts({1, 26, 8}); // 26 moves the head to 8 exactly (lead 18): 8 still fits
-    EXPECT_EQ(0u, ahead.jbuf.statistics().framesTooOld);
+    ahead.puts({1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16, 17, 18, 19, 30});
+    EXPECT_EQ(11u, ahead.jbuf.statistics().framesDropped); // 30 moves the head to 12 exactly (lead 18)
 }
 
 // Each case: its configuration, the frames put, what the gets deliver, and
