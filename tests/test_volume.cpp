@@ -48,6 +48,9 @@ TEST_F(VolumeGraph, WorksInPlaceAndMuteSilencesEveryByteAndLeavesTheLimiterAlone
     const Frame frame = frameOf(Samples(SAMPLES, 400));
     EXPECT_EQ(frame, graph.step(frame));
     EXPECT_EQ(Samples(SAMPLES, 100), samplesOf(frame));
+    volume->setOutputChannels(2); // 640 samples: two blocks of the limiter, the rest of a longer frame untouched
+    EXPECT_EQ(concat(Samples(640, 100), Samples(460, 400)), samplesOf(graph.step(frameOf(Samples(1100, 400)))));
+    volume->setOutputChannels(1);
 
     volume->setVolume(2.0f);
     run({20000}); // cut to 0.64512
