@@ -89,6 +89,7 @@ TEST(DeviceContainer, BuilderIsAskedOnlyForPlaybackOnlyDevices)
     f.container->create(false, false);
     EXPECT_TRUE(boost::dynamic_pointer_cast<SonraUniversalDevice>(f.container->device()));
     EXPECT_FALSE(f.container->device()->aecEnabled);
+    EXPECT_FALSE(f.container->hasVoicePreprocessor());
 }
 
 TEST(DeviceContainerDeathTest, VoicePreprocessorNeedsADevice)
