@@ -162,6 +162,12 @@ TEST(UniversalDevice, VirtualDevicesReadAndWriteSoundFiles)
     ASSERT_EQ(3u * BLOCK_SAMPLES * 2, played.samples.size());
     for (std::size_t i = 0; i < played.samples.size(); ++i)
         ASSERT_EQ(int16_t(i + 1), played.samples[i]) << i;
+    // A callback that leaves the block alone plays silence.
+    ASSERT_EQ(0, device.start(configuration("", 0, "virtual:" + out, 1), [](const char*, int, char*, int, int) { return false; },
+                              &message)) << message;
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    device.stop();
+    EXPECT_EQ(std::vector<int16_t>(BLOCK_SAMPLES, 0), readWav(out).samples);
 
     std::remove(in.c_str());
     std::remove(out.c_str());
