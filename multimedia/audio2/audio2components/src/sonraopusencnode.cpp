@@ -23,6 +23,19 @@ SonraOpusEncNode::SonraOpusEncNode(boost::shared_ptr<boost::asio::io_service> io
 
 SonraOpusEncNode::~SonraOpusEncNode() = default;
 
+int SonraOpusEncNode::setInbandFec(unsigned expectedLossPercent)
+{
+    if (!d->m_encoderPtr)
+        return OPUS_INVALID_STATE;
+    if (expectedLossPercent > 100)
+        return OPUS_BAD_ARG;
+    const int percent = static_cast<int>(expectedLossPercent);
+    const int result = opus_encoder_ctl(d->m_encoderPtr.get(), OPUS_SET_PACKET_LOSS_PERC(percent));
+    if (result != OPUS_OK)
+        return result;
+    return opus_encoder_ctl(d->m_encoderPtr.get(), OPUS_SET_INBAND_FEC(percent > 0 ? 1 : 0));
+}
+
 void SonraOpusEncNode::reset(unsigned /*offset*/)
 {
     opus::resetState(d->m_encoderPtr.get());
