@@ -8,9 +8,10 @@ namespace ombrel {
 struct SonraOpusEncNode_p;
 
 // Encodes its input's 16-bit mono PCM into Opus (VoIP application, libopus
-// defaults unless in-band FEC is turned on). Each whole frame of frameSize() bytes becomes one
-// packet; several frames in one input give their packets laid end to end,
-// with no length prefix. A trailing partial frame is dropped.
+// defaults unless in-band FEC is turned on). Each whole frame of
+// frameSize() bytes becomes one packet; several frames in one input give
+// their packets laid end to end, with no length prefix. A trailing partial
+// frame is dropped.
 class SonraOpusEncNode : public SonraNode {
 public:
     SonraOpusEncNode(boost::shared_ptr<boost::asio::io_service> ioService, unsigned frameDuration, unsigned sampleRate);
