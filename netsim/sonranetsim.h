@@ -37,6 +37,8 @@ struct Config {
     Codec codec = Codec::Opus;
     bool setDelays = false;       // leave the receiver's defaults unless set
     unsigned delays[4] = {60, 60, 60, 300}; // initial, min, max, extra jitter delay, ms
+    bool recovery = true;         // SonraJbuf::setRecovery: a stray datagram never silences the receiver
+    bool adaptivePlayout = false; // SonraJbuf::PLAYOUT_ADAPTIVE rather than the fixed initial delay
     unsigned concealment = 0;     // ms of a gap the Opus decoder conceals; 0: none
     unsigned fecLoss = 0;         // %, the loss the Opus encoder's in-band FEC is set for; 0: no FEC
     NetworkModel network;
