@@ -22,9 +22,9 @@ TEST(Stress, DeviceContainersStartAndStopWhileTheirDevicesCallBack)
 TEST(Stress, GraphsOnSeveralThreadsGiveWhatTheyGiveOneByOne)
 {
     sonrasoak::GraphsConfig config;
+    config.graphs = 16;
     config.threads = 4;
-    config.frames = 10;
+    config.frames = 5;
     const sonrasoak::GraphsResult r = sonrasoak::runGraphs(config);
-    EXPECT_EQ(64u, r.graphs);
     EXPECT_EQ(0u, r.differing);
 }

@@ -330,6 +330,9 @@ inline DeviceStressResult runDeviceStress(const DeviceStressConfig& config)
     DeviceStressResult result;
     if (!detail::writeTone(config.captureFile, config.sampleRate))
         return result.failedStarts = config.cycles * config.containers, result;
+    // The first thread of a process may start the runtime's own helpers
+    // (ThreadSanitizer's background thread): they are not ours.
+    std::thread([]() {}).join();
     result.threadsBefore = threadCount();
     const Clock::time_point start = Clock::now();
     std::vector<DeviceStressResult> perRig(config.containers);
