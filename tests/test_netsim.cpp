@@ -1,6 +1,6 @@
 // The whole own-format path end to end through the network simulator:
 // encoder, sender, network, receiver, jitter buffer, decoder, mixer.
-#include "../tools/sonranetsim_p.h"
+#include "sonranetsim.h"
 
 #include "codecutil.h"
 #include "testutil.h"

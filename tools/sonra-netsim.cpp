@@ -3,7 +3,7 @@
 // buffer, Opus decoder, mixer) and writes what a listener would hear, with
 // a summary of what the network and the jitter buffer did.
 #include "sonratooloptions_p.h"
-#include "sonranetsim_p.h"
+#include "sonranetsim.h"
 
 #include <sndfile.h>
 #include <speex/speex_resampler.h>
@@ -84,14 +84,90 @@ struct Options {
     Config config;
 };
 
-Options parse(int argc, char** argv)
-{
-    Options options;
-    Config& config = options.config;
-    config.network.spikeHeight = 200;
-    JitterKind kind = JitterKind::Normal;
+// What the command line names but the parser settles only once it is read.
+struct Pending {
+    JitterKind jitterKind = JitterKind::Normal;
     std::string scenarioFile;
     std::vector<std::string> positional;
+};
+
+void parseDelays(const std::string& arg, const std::string& value, Config& config)
+{
+    std::string rest = value + ",";
+    for (unsigned& delay : config.delays) {
+        const std::string::size_type comma = rest.find(',');
+        if (comma == std::string::npos)
+            throw UsageError("--delays: expected four values, initial,min,max,extra");
+        delay = whole(arg, rest.substr(0, comma), 0, 60000);
+        rest.erase(0, comma + 1);
+    }
+    if (!rest.empty())
+        throw UsageError("--delays: expected four values, initial,min,max,extra");
+    config.setDelays = true;
+}
+
+bool pathOption(const std::string& arg, const std::string& value, Config& config)
+{
+    if (arg == "--rate")
+        config.sampleRate = whole(arg, value, 8000, 48000);
+    else if (arg == "--frame")
+        config.frameDuration = whole(arg, value, 1, 60);
+    else if (arg == "--codec") {
+        if (value != "opus" && value != "pcm")
+            throw UsageError("--codec: expected opus or pcm, got \"" + value + "\"");
+        config.codec = value == "opus" ? sonranetsim::Codec::Opus : sonranetsim::Codec::Pcm;
+    } else if (arg == "--delays")
+        parseDelays(arg, value, config);
+    else
+        return false;
+    return true;
+}
+
+bool networkOption(const std::string& arg, const std::string& value, sonranetsim::NetworkModel& model,
+                   Pending& pending)
+{
+    if (arg == "--seed")
+        model.seed = whole(arg, value, 0, 4294967295.0);
+    else if (arg == "--loss")
+        model.lossRate = number(arg, value, 0, 100) / 100;
+    else if (arg == "--burst")
+        model.burstLength = number(arg, value, 1, 1e6);
+    else if (arg == "--delay")
+        model.baseDelay = number(arg, value, 0, 60000);
+    else if (arg == "--jitter")
+        model.jitter = number(arg, value, 0, 60000);
+    else if (arg == "--jitter-dist")
+        pending.jitterKind = jitterKind(value);
+    else if (arg == "--reorder")
+        model.reorderRate = number(arg, value, 0, 100) / 100;
+    else if (arg == "--reorder-delay")
+        model.reorderDelay = number(arg, value, 0, 60000);
+    else if (arg == "--dup")
+        model.duplicateRate = number(arg, value, 0, 100) / 100;
+    else if (arg == "--spike-rate")
+        model.spikeRate = number(arg, value, 0, 100) / 100;
+    else if (arg == "--spike")
+        model.spikeHeight = number(arg, value, 0, 60000);
+    else
+        return false;
+    return true;
+}
+
+bool fileOption(const std::string& arg, const std::string& value, Options& options, Pending& pending)
+{
+    if (arg == "--scenario")
+        pending.scenarioFile = value;
+    else if (arg == "--write-scenario")
+        options.writeScenario = value;
+    else if (arg == "--trace")
+        options.trace = value;
+    else
+        return false;
+    return true;
+}
+
+void readArguments(int argc, char** argv, Options& options, Pending& pending)
+{
     for (int i = 1; i < argc; ++i) {
         const std::string arg = argv[i];
         if (arg == "--help" || arg == "-h") {
@@ -103,75 +179,27 @@ Options parse(int argc, char** argv)
             continue;
         }
         if (arg.size() < 2 || arg.compare(0, 2, "--") != 0) {
-            positional.push_back(arg);
+            pending.positional.push_back(arg);
             continue;
         }
         if (i + 1 >= argc)
             throw UsageError(arg + ": missing value");
         const std::string value = argv[++i];
-        if (arg == "--rate")
-            config.sampleRate = whole(arg, value, 8000, 48000);
-        else if (arg == "--frame")
-            config.frameDuration = whole(arg, value, 1, 60);
-        else if (arg == "--codec") {
-            if (value != "opus" && value != "pcm")
-                throw UsageError("--codec: expected opus or pcm, got \"" + value + "\"");
-            config.codec = value == "opus" ? sonranetsim::Codec::Opus : sonranetsim::Codec::Pcm;
-        } else if (arg == "--delays") {
-            std::string rest = value + ",";
-            for (unsigned& delay : config.delays) {
-                const std::string::size_type comma = rest.find(',');
-                if (comma == std::string::npos)
-                    throw UsageError("--delays: expected four values, initial,min,max,extra");
-                delay = whole(arg, rest.substr(0, comma), 0, 60000);
-                rest.erase(0, comma + 1);
-            }
-            if (!rest.empty())
-                throw UsageError("--delays: expected four values, initial,min,max,extra");
-            config.setDelays = true;
-        } else if (arg == "--seed")
-            config.network.seed = whole(arg, value, 0, 4294967295.0);
-        else if (arg == "--loss")
-            config.network.lossRate = number(arg, value, 0, 100) / 100;
-        else if (arg == "--burst")
-            config.network.burstLength = number(arg, value, 1, 1e6);
-        else if (arg == "--delay")
-            config.network.baseDelay = number(arg, value, 0, 60000);
-        else if (arg == "--jitter")
-            config.network.jitter = number(arg, value, 0, 60000);
-        else if (arg == "--jitter-dist")
-            kind = jitterKind(value);
-        else if (arg == "--reorder")
-            config.network.reorderRate = number(arg, value, 0, 100) / 100;
-        else if (arg == "--reorder-delay")
-            config.network.reorderDelay = number(arg, value, 0, 60000);
-        else if (arg == "--dup")
-            config.network.duplicateRate = number(arg, value, 0, 100) / 100;
-        else if (arg == "--spike-rate")
-            config.network.spikeRate = number(arg, value, 0, 100) / 100;
-        else if (arg == "--spike")
-            config.network.spikeHeight = number(arg, value, 0, 60000);
-        else if (arg == "--scenario")
-            scenarioFile = value;
-        else if (arg == "--write-scenario")
-            options.writeScenario = value;
-        else if (arg == "--trace")
-            options.trace = value;
-        else
+        if (!pathOption(arg, value, options.config) &&
+            !networkOption(arg, value, options.config.network, pending) &&
+            !fileOption(arg, value, options, pending))
             throw UsageError("unknown option " + arg);
     }
-    if (positional.size() != 2)
-        throw UsageError("expected INPUT and OUTPUT.wav");
-    options.input = positional[0];
-    options.output = positional[1];
-    config.network.jitterKind = config.network.jitter > 0 ? kind : JitterKind::None;
+}
 
+// The jitter buffer's own preconditions, checked here so that a bad
+// command line is a message, not an assertion.
+void checkPath(const Config& config)
+{
     const unsigned rate = config.sampleRate;
     if (config.codec == sonranetsim::Codec::Opus && rate != 8000 && rate != 12000 && rate != 16000 &&
         rate != 24000 && rate != 48000)
         throw UsageError("--rate: Opus takes 8000, 12000, 16000, 24000 or 48000 Hz");
-    // The jitter buffer's own preconditions, checked here so that a bad
-    // command line is a message, not an assertion.
     const unsigned frame = config.frameDuration;
     // The receiver starts with delays of 60 and 300 ms at one packet per
     // frame, so its frame duration must divide 60 ms whatever --delays says.
@@ -189,16 +217,34 @@ Options parse(int argc, char** argv)
             throw UsageError("--delays: every delay must be a multiple of the frame duration (" +
                              std::to_string(frame) + " ms)");
     }
+}
 
-    if (!scenarioFile.empty()) {
-        std::ifstream in(scenarioFile);
-        if (!in)
-            throw std::runtime_error("cannot read scenario " + scenarioFile);
-        std::string error;
-        if (!sonranetsim::parseScenario(in, config.scenario, error))
-            throw std::runtime_error(scenarioFile + ": " + error);
-        config.useScenario = true;
-    }
+void loadScenario(const std::string& path, Config& config)
+{
+    std::ifstream in(path);
+    if (!in)
+        throw std::runtime_error("cannot read scenario " + path);
+    std::string error;
+    if (!sonranetsim::parseScenario(in, config.scenario, error))
+        throw std::runtime_error(path + ": " + error);
+    config.useScenario = true;
+}
+
+Options parse(int argc, char** argv)
+{
+    Options options;
+    Config& config = options.config;
+    config.network.spikeHeight = 200;
+    Pending pending;
+    readArguments(argc, argv, options, pending);
+    if (pending.positional.size() != 2)
+        throw UsageError("expected INPUT and OUTPUT.wav");
+    options.input = pending.positional[0];
+    options.output = pending.positional[1];
+    config.network.jitterKind = config.network.jitter > 0 ? pending.jitterKind : JitterKind::None;
+    checkPath(config);
+    if (!pending.scenarioFile.empty())
+        loadScenario(pending.scenarioFile, config);
     return options;
 }
 
