@@ -13,22 +13,34 @@
 #ifndef SONRA_SOAK_P_H
 #define SONRA_SOAK_P_H
 
-#include "sonranetsim_p.h"
+#include "sonranetsim.h"
+
+#include "sonramixernode.h"
+#include "sonraopusdecnode.h"
+#include "sonraopusencnode.h"
+#include "sonrapacket.h"
+#include "sonrareceivernode.h"
+#include "sonrasendernode.h"
 
 #include "sonradevnode.h"
 #include "sonravolumenode.h"
 
 #include <boost/asio/io_service.hpp>
 #include <boost/filesystem.hpp>
+#include <boost/make_shared.hpp>
 
 #include <sndfile.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <cmath>
+#include <cstring>
 #include <ctime>
 #include <fstream>
 #include <future>
+#include <map>
 #include <memory>
 #include <thread>
 
@@ -106,11 +118,11 @@ struct CallResult {
 
 namespace detail {
 
-// One direction between two parties: the network model and what is in flight.
+// One direction between two parties: the network model and what is in
+// flight (sonranetsim::Link would keep a record of every packet).
 struct Link {
-    explicit Link(const sonranetsim::Config& config) : config(config), network(this->config) {}
-    sonranetsim::Config config;
-    sonranetsim::Network network; // holds a reference to config
+    explicit Link(const sonranetsim::NetworkModel& model) : network(model) {}
+    sonranetsim::Network network;
     std::multimap<double, Frame> inFlight; // by arrival time, ms
     boost::shared_ptr<ombrel::SonraReceiverNode> receiver;
 };
@@ -150,12 +162,12 @@ inline CallResult runCall(const CallConfig& config)
         for (unsigned q = 0; q < config.parties; ++q) {
             if (q == p)
                 continue;
-            sonranetsim::Config link;
-            link.network.seed = config.seed * 1000 + p * config.parties + q;
-            link.network.lossRate = config.lossRate;
-            link.network.baseDelay = config.baseDelay;
-            link.network.jitterKind = sonranetsim::JitterKind::Normal;
-            link.network.jitter = config.jitter;
+            sonranetsim::NetworkModel link;
+            link.seed = config.seed * 1000 + p * config.parties + q;
+            link.lossRate = config.lossRate;
+            link.baseDelay = config.baseDelay;
+            link.jitterKind = sonranetsim::JitterKind::Normal;
+            link.jitter = config.jitter;
             links.emplace_back(new detail::Link(link));
             links.back()->receiver = boost::make_shared<SonraReceiverNode>(io, ms, rate);
             auto decoder = boost::make_shared<SonraOpusDecNode>(io, ms, rate);
