@@ -30,14 +30,15 @@ typedef std::vector<uint8_t> Bytes;
 
 using sonratest::ioService;
 
-// `count` frames of speech-like signal through the Opus encoder node and,
-// when `packets`, the sender node: what a peer would send.
-inline std::vector<Frame> encodedSpeech(unsigned frameDuration, unsigned sampleRate, unsigned count, bool packets)
+// `count` frames of speech-like signal through an encoder node and, when
+// `packets`, a sender node: what a peer would send.
+template <class Encoder = ombrel::SonraOpusEncNode, class Sender = ombrel::SonraSenderNode>
+std::vector<Frame> encodedSpeech(unsigned frameDuration, unsigned sampleRate, unsigned count, bool packets)
 {
     using namespace ombrel;
     sonratest::QueueSource source;
-    auto encoder = boost::make_shared<SonraOpusEncNode>(ioService(), frameDuration, sampleRate);
-    auto sender = boost::make_shared<SonraSenderNode>(ioService(), frameDuration, sampleRate);
+    auto encoder = boost::make_shared<Encoder>(ioService(), frameDuration, sampleRate);
+    auto sender = boost::make_shared<Sender>(ioService(), frameDuration, sampleRate);
     auto pipe = boost::make_shared<SonraPipe>(frameDuration);
     pipe->connect(source.node(frameDuration, sampleRate), encoder);
     std::vector<Frame> out;
