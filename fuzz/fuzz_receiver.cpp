@@ -14,7 +14,7 @@ using namespace sonrafuzz;
 
 namespace {
 
-enum Op { DATAGRAM, PACKET, FRAME, RESET, OP_COUNT };
+enum Op { DATAGRAM, PACKET, FRAME, RESET, RECOVERY, POLICY, OP_COUNT };
 
 struct Config {
     unsigned frameDuration, packetDuration; // ms
@@ -77,6 +77,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size)
             pipe->reset(in.byte());
             phase = 0;
             break;
+        case RECOVERY:
+            receiver->setRecovery(in.byte() & 1);
+            break;
+        case POLICY:
+            receiver->setPlayoutPolicy(in.byte() & 1 ? ombrel::SonraJbuf::PLAYOUT_ADAPTIVE
+                                                     : ombrel::SonraJbuf::PLAYOUT_FIXED);
+            break;
         }
     }
     pipe->clear(); // the receiver holds the pipe as its clock
@@ -92,7 +99,7 @@ std::vector<Bytes> fuzzSeeds()
     for (unsigned config : {0u, 2u, 4u}) {
         Writer steady, rough;
         steady.byte(config);
-        rough.byte(config);
+        rough.byte(config).byte(RECOVERY).byte(1).byte(POLICY).byte(config);
         for (std::size_t i = 0; i < packets.size(); ++i) {
             steady.byte(DATAGRAM).block(*packets[i]).byte(FRAME);
             const std::size_t sent = i % 4 == 1 ? i + 1 : (i % 4 == 2 ? i - 1 : i); // swapped pairs
