@@ -67,7 +67,8 @@ void get(ombrel::SonraJbuf& jbuf, Model& model)
     std::memcpy(&id, frame->data(), 4);
     FUZZ_CHECK(id >= model.firstId && id < model.puts.size() && frame->size() == 4 + id % 3);
     Put& put = model.puts[id];
-    FUZZ_CHECK(!put.delivered && seqNum == put.seqNum && timeStamp == put.timeStamp);
+    FUZZ_CHECK(!put.delivered);
+    FUZZ_CHECK(seqNum == put.seqNum && timeStamp == put.timeStamp);
     put.delivered = true;
     ++model.delivered;
     const ombrel::SonraJbufStatistics statistics = jbuf.statistics();
