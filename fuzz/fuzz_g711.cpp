@@ -19,7 +19,7 @@ enum Op { FRAME, MISSING, MODE, OP_COUNT };
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size)
 {
     Reader in(data, size);
-    codectest::Harness<SonraG711DecNode> decoder(20, SonraG711DecNode::G711_RATE);
+    sonratest::NodeGraph<SonraG711DecNode> decoder(20, SonraG711DecNode::G711_RATE);
     auto encoder = boost::make_shared<SonraG711EncNode>(ioService(), 20, SonraG711EncNode::G711_RATE);
     decoder.pipe->connect(decoder.node, encoder);
     bool ulaw = false;
@@ -27,7 +27,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size)
         switch (in.choice(OP_COUNT)) {
         case FRAME: {
             const Frame codes = in.block(true);
-            const Frame samples = decoder.run(codes);
+            const Frame samples = decoder.step(codes);
             const Frame back = encoder->outputData();
             if (codes->empty()) {
                 FUZZ_CHECK(!samples && !back);
@@ -41,7 +41,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size)
             break;
         }
         case MISSING:
-            FUZZ_CHECK(!decoder.run(Frame()) && !encoder->outputData());
+            FUZZ_CHECK(!decoder.step(Frame()) && !encoder->outputData());
             break;
         case MODE:
             ulaw = in.byte() & 1;
@@ -59,9 +59,9 @@ std::vector<Bytes> fuzzSeeds()
     std::vector<char> all(256), encoded;
     for (unsigned i = 0; i < 256; ++i)
         all[i] = char(i);
-    codectest::Harness<SonraG711EncNode> encoder(20, SonraG711EncNode::G711_RATE);
-    const std::vector<int16_t> speech = codectest::speechLike(8000, 480);
-    encoded = *encoder.run(sonratest::frameOf(speech));
+    sonratest::NodeGraph<SonraG711EncNode> encoder(20, SonraG711EncNode::G711_RATE);
+    const std::vector<int16_t> speech = sonratest::speechLike(8000, 480);
+    encoded = *encoder.step(sonratest::frameOf(speech));
     Writer w;
     w.byte(FRAME).block(all, true).byte(MODE).byte(1).byte(FRAME).block(all, true).byte(MISSING);
     w.byte(MODE).byte(0).byte(FRAME).block(encoded, true).byte(FRAME).block({}, true);

@@ -24,7 +24,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size)
 {
     Reader in(data, size);
     const unsigned rate = RATES[in.choice(5)], duration = DURATIONS[in.choice(4)];
-    codectest::Harness<ombrel::SonraOpusDecNode> node(duration, rate);
+    sonratest::NodeGraph<ombrel::SonraOpusDecNode> node(duration, rate);
     int error = 0;
     OpusDecoder* bare = opus_decoder_create(static_cast<opus_int32>(rate), 1, &error);
     FUZZ_CHECK(error == OPUS_OK);
@@ -34,7 +34,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size)
         switch (in.choice(OP_COUNT)) {
         case PACKET: {
             const Frame packet = in.block(true);
-            const Frame out = node.run(packet);
+            const Frame out = node.step(packet);
             if (packet->empty()) {
                 FUZZ_CHECK(!out); // and the bare decoder is not called either
                 break;
@@ -48,7 +48,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size)
             break;
         }
         case MISSING:
-            FUZZ_CHECK(!node.run(Frame()));
+            FUZZ_CHECK(!node.step(Frame()));
             break;
         case RESET:
             node.pipe->reset(0);

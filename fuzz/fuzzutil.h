@@ -4,7 +4,7 @@
 #ifndef SONRA_FUZZUTIL_H
 #define SONRA_FUZZUTIL_H
 
-#include "codecutil.h"
+#include "testutil.h"
 #include "sonraopusencnode.h"
 #include "sonrasendernode.h"
 
@@ -47,9 +47,9 @@ std::vector<Frame> encodedSpeech(unsigned frameDuration, unsigned sampleRate, un
         sender->setSendHandler([&out](Frame packet) { out.push_back(packet); });
     }
     const std::size_t samples = SonraNode::frameSize(frameDuration, sampleRate) / 2;
-    const std::vector<int16_t> speech = codectest::speechLike(sampleRate, samples * count);
+    const std::vector<int16_t> speech = sonratest::speechLike(sampleRate, samples * count);
     for (unsigned i = 0; i < count; ++i) {
-        source.push(codectest::slice(speech, i * samples, samples));
+        source.push(sonratest::slice(speech, i * samples, samples));
         pipe->processFrame();
         if (!packets)
             out.push_back(encoder->outputData());
