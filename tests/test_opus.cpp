@@ -154,15 +154,15 @@ INSTANTIATE_TEST_SUITE_P(RatesAndDurations, OpusRoundTrip,
 TEST_F(OpusNodes, ConcealmentFillsAStartedGapUpToItsLimit)
 {
     decoder.node->setConcealment(50); // ms: two whole 20 ms frames
-    EXPECT_FALSE(decoder.run(Frame())); // the stream has not started
+    EXPECT_FALSE(decoder.step(Frame())); // the stream has not started
     EXPECT_EQ(bare.decode(packets[0], N), decoded(packets[0]));
     for (unsigned k = 0; k < 2; ++k)
-        EXPECT_EQ(bare.decode(Packet(), N), samplesOf(decoder.run(Frame()))) << "frame " << k;
-    EXPECT_FALSE(decoder.run(bytesFrame({}))); // beyond the limit: silence
+        EXPECT_EQ(bare.decode(Packet(), N), samplesOf(decoder.step(Frame()))) << "frame " << k;
+    EXPECT_FALSE(decoder.step(bytesFrame({}))); // beyond the limit: silence
     EXPECT_EQ(bare.decode(packets[1], N), decoded(packets[1]));
-    EXPECT_EQ(bare.decode(Packet(), N), samplesOf(decoder.run(Frame()))); // a new gap
+    EXPECT_EQ(bare.decode(Packet(), N), samplesOf(decoder.step(Frame()))); // a new gap
     decoder.pipe->reset(0);
-    EXPECT_FALSE(decoder.run(Frame()));
+    EXPECT_FALSE(decoder.step(Frame()));
 }
 
 // Packet 8 of 12 lost: the decoder that holds packets back a frame gives
@@ -172,19 +172,19 @@ TEST(OpusFec, RebuildsALostFrameBetterThanConcealment)
 {
     const unsigned RATE = 16000, N = 320, LOST = 8; // Hz, samples per frame
     const std::vector<int16_t> signal = speechLike(RATE, (LOST + 2) * N);
-    Harness<SonraOpusEncNode> encoder(20, RATE);
+    NodeGraph<SonraOpusEncNode> encoder(20, RATE);
     EXPECT_EQ(OPUS_BAD_ARG, encoder.node->setInbandFec(101));
     ASSERT_EQ(0, encoder.node->setInbandFec(20));
-    Harness<SonraOpusDecNode> fec(20, RATE), concealing(20, RATE);
+    NodeGraph<SonraOpusDecNode> fec(20, RATE), concealing(20, RATE);
     fec.node->setFecRecovery(true);
     concealing.node->setConcealment(20);
     Bare clean(RATE);
     std::vector<std::vector<int16_t> > whole, late, concealed; // by graph frame
     for (unsigned k = 0; k < LOST + 2; ++k) {
-        const Frame packet = encoder.run(frameOf(slice(signal, k * N, N)));
+        const Frame packet = encoder.step(frameOf(slice(signal, k * N, N)));
         whole.push_back(clean.decode(bytesOf(packet), N));
-        late.push_back(samplesOf(fec.run(k == LOST ? Frame() : packet)));
-        concealed.push_back(samplesOf(concealing.run(k == LOST ? Frame() : packet)));
+        late.push_back(samplesOf(fec.step(k == LOST ? Frame() : packet)));
+        concealed.push_back(samplesOf(concealing.step(k == LOST ? Frame() : packet)));
     }
     EXPECT_TRUE(late[0].empty());
     for (unsigned k = 1; k <= LOST; ++k)
