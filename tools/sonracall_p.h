@@ -1,0 +1,377 @@
+// The engine of sonra-call: every party of a call is a client of its own,
+// with its own pipe. Its microphone is a device container whose capture and
+// playback run on a stepped virtual device, then noise suppression, the
+// optional voice effects, volume, Opus encoder and sender; its receive side
+// is one receiver and Opus decoder per peer, mixed with a notification
+// sound (and hold music), then the optional stereo widening, volume and the
+// container's playback. Between every two parties runs one leg of the
+// seeded network model of sonra-netsim in each direction.
+//
+// All pipes run in lockstep, frame by frame, as fast as the graph goes: a
+// given seed and input give the same call every time.
+#ifndef SONRA_CALL_P_H
+#define SONRA_CALL_P_H
+
+#include "sonranetsim.h"
+
+#include "sonradevnode.h"
+#include "sonramixernode.h"
+#include "sonramonotostereonode.h"
+#include "sonranoisesupressnode.h"
+#include "sonraopusdecnode.h"
+#include "sonraopusencnode.h"
+#include "sonrareceivernode.h"
+#include "sonrareverbnode.h"
+#include "sonrasendernode.h"
+#include "sonravoicechangenode.h"
+#include "sonravolumenode.h"
+
+#include <boost/make_shared.hpp>
+
+#include <algorithm>
+#include <cmath>
+#include <cstdint>
+#include <cstring>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace sonracall {
+
+using namespace ombrel;
+typedef boost::shared_ptr<std::vector<char> > Frame;
+
+const unsigned RATE = 16000;        // Hz, of every path
+const unsigned FRAME_MS = 20;       // ms, graph frames and packets alike
+const unsigned FRAME_SAMPLES = 320; // samples per channel in a graph frame
+const int LIMIT_LEVEL = 28672;      // a mixed sample at this magnitude makes the mixer's limiter cut
+
+struct PartyConfig {
+    std::vector<int16_t> speech; // mono at RATE: what the microphone hears, once
+    bool changeVoice = false;
+    SonraVoiceChangeNode::Voice voice = SonraVoiceChangeNode::NORMAL;
+    unsigned haasMs = 0;         // 0: the party hears mono
+    bool reverb = false;
+};
+
+struct CallConfig {
+    std::vector<PartyConfig> parties;
+    sonranetsim::Config net;          // the network model or scenario of every leg
+    unsigned frames = 0;              // graph frames of talk, before the hang-up and the drain
+    std::vector<int16_t> notification; // mono at RATE, mixed into every party's ear at the start
+    std::vector<int16_t> hold;         // mono at RATE, looped into every party's ear when not empty
+};
+
+// A virtual sound device that plays the device thread's part one block at a
+// time when the call says so, instead of on its own real-time thread.
+class SteppedDevice : public SonraDevice {
+public:
+    std::vector<boost::shared_ptr<SonraDeviceInfo> > devices(SonraDeviceInfo::DeviceType) override
+    {
+        return {boost::make_shared<SonraDeviceInfo>("stepped", "virtual", 2, double(RATE), true, true)};
+    }
+    int start(const SonraStreamConfiguration& configuration, Callback callback, std::string*) override
+    {
+        m_playbackChannels = configuration.playbackChannels;
+        m_callback = callback;
+        return 0;
+    }
+    void stop() override { m_callback = Callback(); }
+
+    // One block: `captured` (one mono frame) goes in, the block played is
+    // appended to `played`.
+    void block(const std::vector<int16_t>& captured, std::vector<int16_t>& played)
+    {
+        std::vector<int16_t> out(FRAME_SAMPLES * m_playbackChannels, 0);
+        if (m_callback)
+            m_callback(reinterpret_cast<const char*>(captured.data()), int(captured.size() * 2),
+                       reinterpret_cast<char*>(out.data()), int(out.size() * 2), 0);
+        played.insert(played.end(), out.begin(), out.end());
+    }
+
+private:
+    Callback m_callback;
+    unsigned m_playbackChannels = 1;
+};
+
+// The stepped device stands in for the one a playback-only container asks
+// its builder for; the container keeps the capture node built before.
+struct SteppedBuilder : SonraDeviceBuilder {
+    boost::shared_ptr<SonraDevice> buildDevice(bool, unsigned) override { return device; }
+    boost::shared_ptr<SteppedDevice> device = boost::make_shared<SteppedDevice>();
+};
+
+// Frames of `samples`, one per call, then nothing (or from the start again).
+inline SonraDevNode::Source samplesSource(std::vector<int16_t> samples, bool loop)
+{
+    auto next = boost::make_shared<std::size_t>(0);
+    return [samples, loop, next]() -> Frame {
+        if (samples.empty() || (!loop && *next >= samples.size()))
+            return Frame();
+        auto frame = boost::make_shared<std::vector<char> >(FRAME_SAMPLES * 2, 0);
+        int16_t* out = reinterpret_cast<int16_t*>(frame->data());
+        for (unsigned i = 0; i < FRAME_SAMPLES && (loop || *next < samples.size()); ++i)
+            out[i] = samples[(*next)++ % samples.size()];
+        *next %= loop ? samples.size() : std::size_t(-1);
+        return frame;
+    };
+}
+
+inline std::vector<int16_t> samplesOf(const Frame& frame, std::size_t count)
+{
+    std::vector<int16_t> samples(count, 0);
+    if (frame)
+        std::memcpy(samples.data(), frame->data(), std::min(frame->size(), count * 2));
+    return samples;
+}
+
+// One direction between two parties.
+struct Leg {
+    Leg(unsigned from, unsigned to, const sonranetsim::Network& network) : from(from), to(to), link(network) {}
+    unsigned from, to; // party indexes
+    sonranetsim::Link link;
+    boost::shared_ptr<SonraReceiverNode> receiver;
+    boost::shared_ptr<SonraOpusDecNode> decoder;
+    sonranetsim::Result result; // output: what `to` decoded from `from`, frame by frame
+};
+
+struct Party {
+    boost::shared_ptr<boost::asio::io_service> io = boost::make_shared<boost::asio::io_service>();
+    boost::shared_ptr<SonraPipe> pipe = boost::make_shared<SonraPipe>(FRAME_MS);
+    boost::shared_ptr<SonraDevNodesContainer> container;
+    boost::shared_ptr<SteppedBuilder> builder = boost::make_shared<SteppedBuilder>();
+    boost::shared_ptr<SonraVolumeNode> micVolume;
+    boost::shared_ptr<SonraSenderNode> sender;
+    boost::shared_ptr<SonraMixerNode> mixer;
+    std::vector<boost::shared_ptr<SonraNode> > extraSources; // notification, hold music
+    unsigned playbackChannels = 1;
+    std::vector<int16_t> said;  // what the encoder took: the microphone after the send path
+    std::vector<int16_t> heard; // what the playback device played, interleaved
+    unsigned limiterCuts = 0;   // graph frames in which the mixed peers reached the limiting level
+};
+
+// A voice call of any number of parties.
+class Call {
+public:
+    explicit Call(const CallConfig& config) : m_config(config)
+    {
+        m_parties.resize(config.parties.size());
+        for (std::size_t p = 0; p < m_parties.size(); ++p)
+            buildSendPath(p);
+        for (std::size_t from = 0; from < m_parties.size(); ++from)
+            for (std::size_t to = 0; to < m_parties.size(); ++to)
+                if (from != to)
+                    addLeg(unsigned(from), unsigned(to));
+        for (std::size_t p = 0; p < m_parties.size(); ++p)
+            buildReceivePath(p);
+    }
+    ~Call()
+    {
+        // Receivers hold their pipe as their clock.
+        for (Party& party : m_parties) {
+            party.container->stop();
+            party.pipe->clear();
+        }
+    }
+
+    // Runs graph frame `frame` of every party.
+    void runFrame(unsigned frame)
+    {
+        const unsigned now = frame * FRAME_MS;
+        std::vector<uint64_t> playedBefore(m_legs.size());
+        for (std::size_t l = 0; l < m_legs.size(); ++l)
+            m_legs[l]->result.frames.push_back(
+                sonranetsim::startFrame(m_legs[l]->link, *m_legs[l]->receiver, now, playedBefore[l]));
+        for (std::size_t p = 0; p < m_parties.size(); ++p) {
+            m_parties[p].builder->device->block(microphoneFrame(p, frame), m_parties[p].heard);
+            m_parties[p].pipe->processFrame();
+        }
+        for (std::size_t l = 0; l < m_legs.size(); ++l) {
+            Leg& leg = *m_legs[l];
+            sonranetsim::finishFrame(leg.link, *leg.receiver, playedBefore[l], leg.result.frames.back());
+            const std::vector<int16_t> decoded = samplesOf(leg.decoder->outputData(), FRAME_SAMPLES);
+            leg.result.output.insert(leg.result.output.end(), decoded.begin(), decoded.end());
+        }
+        for (std::size_t p = 0; p < m_parties.size(); ++p)
+            recordParty(p);
+    }
+
+    // The call's frames, then the hang-up: nobody sends any more while the
+    // jitter buffers play out what they hold.
+    void run(const std::function<void(unsigned frame)>& progress = std::function<void(unsigned)>())
+    {
+        const unsigned total = totalFrames();
+        for (unsigned frame = 0; frame < total; ++frame) {
+            if (frame == m_config.frames)
+                hangUp();
+            runFrame(frame);
+            if (progress)
+                progress(frame);
+        }
+        finish();
+    }
+
+    unsigned totalFrames() const { return m_config.frames + sonranetsim::drainFrames(m_config.net); }
+
+    void hangUp()
+    {
+        for (Party& party : m_parties)
+            party.sender->clearSendHandler();
+    }
+
+    // Counts, delays and SNRs of every leg, against what its sender said.
+    void finish()
+    {
+        for (auto& leg : m_legs) {
+            leg->result.summary.jbuf = leg->receiver->statistics();
+            leg->result.packets = leg->link.packets();
+            sonranetsim::summarise(m_parties[leg->from].said, RATE, FRAME_SAMPLES, leg->result);
+        }
+    }
+
+    const std::vector<Party>& parties() const { return m_parties; }
+    const std::vector<std::unique_ptr<Leg> >& legs() const { return m_legs; }
+
+    // Leg k (from party A to party B, in the order 1->2, 1->3, ..., 2->1, ...)
+    // draws from seed + k, so that no two legs lose the same packets.
+    static sonranetsim::Network legNetwork(const sonranetsim::Config& net, unsigned legIndex)
+    {
+        if (net.useScenario)
+            return sonranetsim::Network(net.scenario);
+        sonranetsim::NetworkModel model = net.network;
+        model.seed += legIndex;
+        return sonranetsim::Network(model);
+    }
+
+private:
+    void buildSendPath(std::size_t p)
+    {
+        Party& party = m_parties[p];
+        const PartyConfig& config = m_config.parties[p];
+        party.container = boost::make_shared<SonraDevNodesContainer>(
+            party.io, FRAME_MS, SonraDevNodesContainer::DEFAULT_RINGBUF_DURATION, RATE);
+        party.container->setPlaybackDeviceBuilder(party.builder);
+        party.container->create(true, false); // the capture node ...
+        party.container->create(false, false); // ... on the stepped device
+        party.container->setPipe(party.pipe);
+
+        boost::shared_ptr<SonraNode> last = party.container->capture();
+        auto chain = [&](boost::shared_ptr<SonraNode> node) {
+            party.pipe->connect(last, node);
+            last = node;
+        };
+        chain(boost::make_shared<SonraNoiseSupressNode>(party.io, FRAME_MS, RATE));
+        if (config.changeVoice) {
+            auto voice = boost::make_shared<SonraVoiceChangeNode>(party.io, FRAME_MS, RATE, true);
+            voice->setVoiceType(config.voice);
+            chain(voice);
+        }
+        if (config.reverb)
+            chain(boost::make_shared<SonraReverbNode>(party.io, FRAME_MS, RATE));
+        party.micVolume = boost::make_shared<SonraVolumeNode>(party.io, FRAME_MS, RATE);
+        chain(party.micVolume);
+        chain(boost::make_shared<SonraOpusEncNode>(party.io, FRAME_MS, RATE));
+        party.sender = boost::make_shared<SonraSenderNode>(party.io, FRAME_MS, RATE);
+        chain(party.sender);
+    }
+
+    void addLeg(unsigned from, unsigned to)
+    {
+        const unsigned index = unsigned(m_legs.size());
+        m_legs.emplace_back(new Leg(from, to, legNetwork(m_config.net, index)));
+        Leg& leg = *m_legs.back();
+        Party& receiving = m_parties[to];
+        leg.receiver = boost::make_shared<SonraReceiverNode>(receiving.io, FRAME_MS, RATE);
+        if (m_config.net.setDelays) {
+            const unsigned* d = m_config.net.delays;
+            leg.receiver->setDelays(d[0], d[1], d[2], d[3]);
+        }
+        leg.decoder = boost::make_shared<SonraOpusDecNode>(receiving.io, FRAME_MS, RATE);
+    }
+
+    void buildReceivePath(std::size_t p)
+    {
+        Party& party = m_parties[p];
+        const PartyConfig& config = m_config.parties[p];
+        party.mixer = boost::make_shared<SonraMixerNode>(party.io, FRAME_MS, RATE);
+        std::vector<Leg*> outgoing;
+        for (auto& leg : m_legs) {
+            if (leg->to == p) {
+                party.pipe->connect(leg->receiver, leg->decoder);
+                party.pipe->connect(leg->decoder, party.mixer);
+            }
+            if (leg->from == p)
+                outgoing.push_back(leg.get());
+        }
+        // Every peer gets its own copy, as from its own socket send.
+        party.sender->setSendHandler([outgoing](Frame packet) {
+            for (Leg* leg : outgoing)
+                leg->link.send(packet);
+        });
+        addSource(party, samplesSource(m_config.notification, false));
+        if (!m_config.hold.empty())
+            addSource(party, samplesSource(m_config.hold, true));
+
+        boost::shared_ptr<SonraNode> last = party.mixer;
+        if (config.haasMs > 0) {
+            auto widen = boost::make_shared<SonraMonoToStereoNode>(party.io, FRAME_MS, RATE);
+            widen->setHaasEffect(int32_t(config.haasMs));
+            party.pipe->connect(last, widen);
+            last = widen;
+            party.playbackChannels = 2;
+        }
+        auto speakerVolume = boost::make_shared<SonraVolumeNode>(party.io, FRAME_MS, RATE);
+        speakerVolume->setOutputChannels(party.playbackChannels);
+        party.container->playback()->setOutputChannels(party.playbackChannels);
+        party.pipe->connect(last, speakerVolume);
+        party.pipe->connect(speakerVolume, party.container->playback());
+        std::string message;
+        party.container->start(int(party.playbackChannels), 1, &message); // the stepped device always starts
+    }
+
+    void addSource(Party& party, const SonraDevNode::Source& source)
+    {
+        auto node = boost::make_shared<SonraDevNode>(source, party.io, FRAME_MS, RATE);
+        party.pipe->connect(node, party.mixer);
+        party.extraSources.push_back(node);
+    }
+
+    std::vector<int16_t> microphoneFrame(std::size_t p, unsigned frame) const
+    {
+        const std::vector<int16_t>& speech = m_config.parties[p].speech;
+        std::vector<int16_t> samples(FRAME_SAMPLES, 0);
+        const std::size_t first = std::size_t(frame) * FRAME_SAMPLES;
+        for (std::size_t i = 0; i < FRAME_SAMPLES && first + i < speech.size(); ++i)
+            samples[i] = speech[first + i];
+        return samples;
+    }
+
+    void recordParty(std::size_t p)
+    {
+        Party& party = m_parties[p];
+        const std::vector<int16_t> said = samplesOf(party.micVolume->outputData(), FRAME_SAMPLES);
+        party.said.insert(party.said.end(), said.begin(), said.end());
+        std::vector<int32_t> sum(FRAME_SAMPLES, 0);
+        auto add = [&sum](const Frame& frame) {
+            const std::vector<int16_t> samples = samplesOf(frame, FRAME_SAMPLES);
+            for (unsigned i = 0; i < FRAME_SAMPLES; ++i)
+                sum[i] += samples[i];
+        };
+        for (auto& leg : m_legs)
+            if (leg->to == p)
+                add(leg->decoder->outputData());
+        for (auto& source : party.extraSources)
+            add(source->outputData());
+        const bool cut = std::any_of(sum.begin(), sum.end(), [](int32_t s) { return std::abs(s) >= LIMIT_LEVEL; });
+        party.limiterCuts += cut;
+    }
+
+    CallConfig m_config;
+    std::vector<Party> m_parties;
+    std::vector<std::unique_ptr<Leg> > m_legs;
+};
+
+} // namespace sonracall
+
+#endif
