@@ -9,7 +9,11 @@
 #include <boost/make_shared.hpp>
 
 #include <sndfile.h>
+#include <sys/wait.h>
 #include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
 
 #include <cstdint>
 #include <string>
@@ -104,6 +108,27 @@ inline WavContents readWav(const std::string& path)
         sf_close(file);
     }
     return contents;
+}
+
+struct ToolRun {
+    int exitCode = -1;
+    std::string output; // stdout and stderr
+    double seconds = 0;
+};
+
+// Runs a command line (a tool under test) to its end.
+inline ToolRun runTool(const std::string& command)
+{
+    ToolRun result;
+    const auto started = std::chrono::steady_clock::now();
+    FILE* pipe = ::popen((command + " 2>&1").c_str(), "r");
+    char buffer[4096];
+    for (std::size_t n; pipe && (n = std::fread(buffer, 1, sizeof buffer, pipe)) > 0;)
+        result.output.append(buffer, n);
+    const int status = pipe ? ::pclose(pipe) : -1;
+    result.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    result.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
+    return result;
 }
 
 } // namespace sonratest

@@ -11,31 +11,13 @@
 #include <fstream>
 #include <iterator>
 #include <string>
-#include <sys/wait.h>
 
 namespace {
 
 const std::string TOOL = std::string(SONRA_BINARY_DIR) + "/tools/sonra-monitor";
 
-struct Result {
-    int exitCode = -1;
-    std::string output; // stdout and stderr
-    double seconds = 0;
-};
-
-Result run(const std::string& command)
-{
-    Result result;
-    const auto started = std::chrono::steady_clock::now();
-    FILE* pipe = ::popen((command + " 2>&1").c_str(), "r");
-    char buffer[4096];
-    for (std::size_t n; pipe && (n = std::fread(buffer, 1, sizeof buffer, pipe)) > 0;)
-        result.output.append(buffer, n);
-    const int status = pipe ? ::pclose(pipe) : -1;
-    result.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    result.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
-    return result;
-}
+using Result = sonratest::ToolRun;
+const auto run = sonratest::runTool;
 
 class Monitor : public ::testing::Test {
 protected:
