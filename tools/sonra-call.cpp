@@ -81,6 +81,8 @@ struct Options {
     std::string outDir = "sonra-call-out";
     bool report = true;
     bool quiet = false;
+    bool realTime = false;
+    std::string capture, playback; // party 1's devices in real time; empty: a sound card when there is one
     sonranetsim::Config net;
     std::vector<std::pair<std::string, std::string> > effects; // option, value: checked once parties are known
 };
@@ -185,6 +187,10 @@ bool callOption(const std::string& option, const std::string& value, Options& op
         options.hold = value;
     else if (option == "--out")
         options.outDir = value;
+    else if (option == "--capture")
+        options.capture = value;
+    else if (option == "--playback")
+        options.playback = value;
     else if (option == "--voice" || option == "--reverb" || option == "--haas")
         options.effects.emplace_back(option, value);
     else
@@ -201,8 +207,9 @@ Options parse(int argc, char** argv)
             std::cout << USAGE;
             std::exit(0);
         }
-        if (option == "--quiet" || option == "--no-report") {
-            (option == "--quiet" ? options.quiet : options.report) = option == "--quiet";
+        if (option == "--quiet" || option == "--no-report" || option == "--realtime") {
+            (option == "--quiet" ? options.quiet : option == "--realtime" ? options.realTime : options.report) =
+                option != "--no-report";
             continue;
         }
         if (i + 1 >= argc)
@@ -213,6 +220,8 @@ Options parse(int argc, char** argv)
     }
     if (options.inputs.size() > options.parties)
         throw UsageError("more --input files than --parties");
+    if (!options.realTime && !(options.capture.empty() && options.playback.empty()))
+        throw UsageError("--capture and --playback need --realtime");
     sonranetsim::NetworkModel& model = options.net.network;
     model.jitterKind = model.jitter > 0 ? sonranetsim::JitterKind::Normal : sonranetsim::JitterKind::None;
     std::vector<sonracall::PartyConfig> check(options.parties);
@@ -313,6 +322,32 @@ sonracall::CallConfig callConfig(const Options& options, std::vector<std::string
     return config;
 }
 
+bool hasSoundCard(ombrel::SonraDeviceInfo::DeviceType type)
+{
+    ombrel::SonraUniversalDevice probe(RATE);
+    for (const auto& info : probe.devices(type))
+        if (!info->isVirtual())
+            return true;
+    return false;
+}
+
+// Real time: each party's microphone file is written at the call's rate for
+// the virtual device, which takes files of the stream's rate only.
+void chooseDevices(const Options& options, sonracall::CallConfig& config)
+{
+    const std::string prefix = ombrel::SonraUniversalDevice::VIRTUAL_DEVICE_PREFIX;
+    for (std::size_t p = 0; p < config.parties.size(); ++p) {
+        const std::string mic = options.outDir + "/mic-" + std::to_string(p + 1) + ".wav";
+        const std::string ear = options.outDir + "/party-" + std::to_string(p + 1) + ".wav";
+        sonratool::writeWav(mic, config.parties[p].speech, RATE);
+        config.devices.emplace_back(prefix + mic, prefix + ear);
+    }
+    if (!options.capture.empty() || hasSoundCard(ombrel::SonraDeviceInfo::CAPTURE))
+        config.devices[0].first = options.capture;
+    if (!options.playback.empty() || hasSoundCard(ombrel::SonraDeviceInfo::PLAYBACK))
+        config.devices[0].second = options.playback;
+}
+
 // One updating line on a terminal, for calls longer than a few seconds.
 struct Progress {
     explicit Progress(unsigned frames) : frames(frames), shown(::isatty(1) && frames * FRAME_MS > 5000) {}
@@ -367,8 +402,9 @@ void writeReportData(const sonracall::Call& call, const std::string& path)
         for (std::size_t f = 0; f < frames; ++f) {
             out << p + 1 << ' ' << f * FRAME_MS / 1000.0 << ' ' << levelDb(party.said, f * FRAME_SAMPLES, FRAME_SAMPLES, 1)
                 << ' '
-                << levelDb(party.heard, f * FRAME_SAMPLES * party.playbackChannels,
-                           FRAME_SAMPLES * party.playbackChannels, 1)
+                << (party.heard.empty() ? std::string("NaN") // played by the device itself, in real time
+                                        : std::to_string(levelDb(party.heard, f * FRAME_SAMPLES * party.playbackChannels,
+                                                                 FRAME_SAMPLES * party.playbackChannels, 1)))
                 << ' ' << lost[f] << ' ';
             if (residence[f] >= 0)
                 out << residence[f];
@@ -454,16 +490,25 @@ int runCall(const Options& options)
 {
     makeDirectory(options.outDir);
     std::vector<std::string> inputs;
-    const sonracall::CallConfig config = callConfig(options, inputs);
+    sonracall::CallConfig config = callConfig(options, inputs);
+    if (options.realTime)
+        chooseDevices(options, config);
     sonracall::Call call(config);
-    {
+    if (options.realTime) {
+        const std::string failure = call.runRealTime();
+        if (!failure.empty())
+            throw std::runtime_error("cannot start a device: " + failure + " (sonra-monitor --list shows them)");
+    } else {
         Progress progress(call.totalFrames());
         call.run(std::ref(progress));
     }
     std::vector<std::string> heardPaths;
     for (std::size_t p = 0; p < call.parties().size(); ++p) {
         heardPaths.push_back(options.outDir + "/party-" + std::to_string(p + 1) + ".wav");
-        sonratool::writeWav(heardPaths.back(), call.parties()[p].heard, RATE, call.parties()[p].playbackChannels);
+        if (options.realTime && config.devices[p].second.empty())
+            heardPaths.back() = "the sound card";
+        else if (!options.realTime)
+            sonratool::writeWav(heardPaths.back(), call.parties()[p].heard, RATE, call.parties()[p].playbackChannels);
     }
     if (!options.quiet)
         printSummary(call, inputs, heardPaths);

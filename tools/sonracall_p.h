@@ -7,8 +7,10 @@
 // container's playback. Between every two parties runs one leg of the
 // seeded network model of sonra-netsim in each direction.
 //
-// All pipes run in lockstep, frame by frame, as fast as the graph goes: a
-// given seed and input give the same call every time.
+// By default all pipes run in lockstep, frame by frame, as fast as the
+// graph goes: a given seed and input give the same call every time. In real
+// time each pipe runs on its own asio timer and each party on a sound card
+// or the universal virtual device.
 #ifndef SONRA_CALL_P_H
 #define SONRA_CALL_P_H
 
@@ -61,6 +63,9 @@ struct CallConfig {
     unsigned frames = 0;              // graph frames of talk, before the hang-up and the drain
     std::vector<int16_t> notification; // mono at RATE, mixed into every party's ear at the start
     std::vector<int16_t> hold;         // mono at RATE, looped into every party's ear when not empty
+    // Real time: every pipe on its own asio timer, every party on a real or
+    // virtual device of these names (capture, playback); empty: stepped.
+    std::vector<std::pair<std::string, std::string> > devices;
 };
 
 // A virtual sound device that plays the device thread's part one block at a
@@ -134,10 +139,11 @@ struct Leg {
     boost::shared_ptr<SonraReceiverNode> receiver;
     boost::shared_ptr<SonraOpusDecNode> decoder;
     sonranetsim::Result result; // output: what `to` decoded from `from`, frame by frame
+    uint64_t playedBefore = 0;  // frames the receiver had played when the current frame began
 };
 
 struct Party {
-    boost::shared_ptr<boost::asio::io_service> io = boost::make_shared<boost::asio::io_service>();
+    boost::shared_ptr<boost::asio::io_service> io;
     boost::shared_ptr<SonraPipe> pipe = boost::make_shared<SonraPipe>(FRAME_MS);
     boost::shared_ptr<SonraDevNodesContainer> container;
     boost::shared_ptr<SteppedBuilder> builder = boost::make_shared<SteppedBuilder>();
@@ -157,8 +163,10 @@ public:
     explicit Call(const CallConfig& config) : m_config(config)
     {
         m_parties.resize(config.parties.size());
-        for (std::size_t p = 0; p < m_parties.size(); ++p)
+        for (std::size_t p = 0; p < m_parties.size(); ++p) {
+            m_parties[p].io = m_io;
             buildSendPath(p);
+        }
         for (std::size_t from = 0; from < m_parties.size(); ++from)
             for (std::size_t to = 0; to < m_parties.size(); ++to)
                 if (from != to)
@@ -178,23 +186,14 @@ public:
     // Runs graph frame `frame` of every party.
     void runFrame(unsigned frame)
     {
-        const unsigned now = frame * FRAME_MS;
-        std::vector<uint64_t> playedBefore(m_legs.size());
-        for (std::size_t l = 0; l < m_legs.size(); ++l)
-            m_legs[l]->result.frames.push_back(
-                sonranetsim::startFrame(m_legs[l]->link, *m_legs[l]->receiver, now, playedBefore[l]));
+        for (std::size_t p = 0; p < m_parties.size(); ++p)
+            startFrame(p, frame * FRAME_MS);
         for (std::size_t p = 0; p < m_parties.size(); ++p) {
             m_parties[p].builder->device->block(microphoneFrame(p, frame), m_parties[p].heard);
             m_parties[p].pipe->processFrame();
         }
-        for (std::size_t l = 0; l < m_legs.size(); ++l) {
-            Leg& leg = *m_legs[l];
-            sonranetsim::finishFrame(leg.link, *leg.receiver, playedBefore[l], leg.result.frames.back());
-            const std::vector<int16_t> decoded = samplesOf(leg.decoder->outputData(), FRAME_SAMPLES);
-            leg.result.output.insert(leg.result.output.end(), decoded.begin(), decoded.end());
-        }
         for (std::size_t p = 0; p < m_parties.size(); ++p)
-            recordParty(p);
+            finishFrame(p);
     }
 
     // The call's frames, then the hang-up: nobody sends any more while the
@@ -210,6 +209,40 @@ public:
                 progress(frame);
         }
         finish();
+    }
+
+    // Every pipe on its own timer, on devices of the configured names, on
+    // one thread: the network side runs between a party's frames, from its
+    // pipe's work cycle. Returns the devices' message when one cannot start.
+    std::string runRealTime()
+    {
+        const unsigned total = totalFrames();
+        unsigned finished = 0;
+        for (std::size_t p = 0; p < m_parties.size(); ++p) {
+            Party& party = m_parties[p];
+            std::string message;
+            if (party.container->start(int(party.playbackChannels), 1, &message) != 0)
+                return message;
+            startFrame(p, 0);
+            party.pipe->workCycleSignal.connect([this, p, total, &finished]() {
+                Party& party = m_parties[p];
+                const unsigned frame = party.pipe->elapsedTime() / FRAME_MS; // the one to come
+                finishFrame(p);
+                if (frame == m_config.frames)
+                    party.sender->clearSendHandler();
+                if (frame < total)
+                    startFrame(p, frame * FRAME_MS);
+                else if (party.pipe->isRunning() && (party.pipe->stop(), ++finished == m_parties.size()))
+                    m_io->stop();
+            });
+        }
+        for (Party& party : m_parties)
+            party.pipe->start(m_io);
+        m_io->run();
+        for (Party& party : m_parties)
+            party.container->stop(); // closes a virtual playback file
+        finish();
+        return std::string();
     }
 
     unsigned totalFrames() const { return m_config.frames + sonranetsim::drainFrames(m_config.net); }
@@ -245,15 +278,39 @@ public:
     }
 
 private:
+    void startFrame(std::size_t p, unsigned now)
+    {
+        for (auto& leg : m_legs)
+            if (leg->to == p)
+                leg->result.frames.push_back(sonranetsim::startFrame(leg->link, *leg->receiver, now, leg->playedBefore));
+    }
+
+    void finishFrame(std::size_t p)
+    {
+        for (auto& leg : m_legs) {
+            if (leg->to != p)
+                continue;
+            sonranetsim::finishFrame(leg->link, *leg->receiver, leg->playedBefore, leg->result.frames.back());
+            const std::vector<int16_t> decoded = samplesOf(leg->decoder->outputData(), FRAME_SAMPLES);
+            leg->result.output.insert(leg->result.output.end(), decoded.begin(), decoded.end());
+        }
+        recordParty(p);
+    }
+
     void buildSendPath(std::size_t p)
     {
         Party& party = m_parties[p];
         const PartyConfig& config = m_config.parties[p];
         party.container = boost::make_shared<SonraDevNodesContainer>(
             party.io, FRAME_MS, SonraDevNodesContainer::DEFAULT_RINGBUF_DURATION, RATE);
-        party.container->setPlaybackDeviceBuilder(party.builder);
-        party.container->create(true, false); // the capture node ...
-        party.container->create(false, false); // ... on the stepped device
+        party.container->create(true, false); // the capture node, on the universal device ...
+        if (m_config.devices.empty()) {
+            party.container->setPlaybackDeviceBuilder(party.builder);
+            party.container->create(false, false); // ... or on the stepped one
+        } else {
+            party.container->setCaptureDevice(m_config.devices[p].first);
+            party.container->setPlaybackDevice(m_config.devices[p].second);
+        }
         party.container->setPipe(party.pipe);
 
         boost::shared_ptr<SonraNode> last = party.container->capture();
@@ -327,7 +384,8 @@ private:
         party.pipe->connect(last, speakerVolume);
         party.pipe->connect(speakerVolume, party.container->playback());
         std::string message;
-        party.container->start(int(party.playbackChannels), 1, &message); // the stepped device always starts
+        if (m_config.devices.empty())
+            party.container->start(int(party.playbackChannels), 1, &message); // the stepped device always starts
     }
 
     void addSource(Party& party, const SonraDevNode::Source& source)
@@ -368,6 +426,7 @@ private:
     }
 
     CallConfig m_config;
+    boost::shared_ptr<boost::asio::io_service> m_io = boost::make_shared<boost::asio::io_service>();
     std::vector<Party> m_parties;
     std::vector<std::unique_ptr<Leg> > m_legs;
 };
