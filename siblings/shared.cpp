@@ -48,17 +48,11 @@ void emit(const LogRecord& record)
         writeToStderr(record);
 }
 
-// "/home/x/repo/multimedia/audio2/.../sonrajbuf.cpp" -> "multimedia/audio2/.../sonrajbuf"
+// The build maps the source root away from __FILE__ (-fmacro-prefix-map), so
+// "multimedia/audio2/.../sonrajbuf.cpp" arrives relative; only the extension goes.
 std::string projectSourcePath(const char* file)
 {
     std::string path(file);
-    for (const char* top : {"multimedia/", "siblings/", "tests/", "tools/"}) {
-        const std::string::size_type at = path.rfind(top);
-        if (at != std::string::npos) {
-            path.erase(0, at);
-            break;
-        }
-    }
     const std::string::size_type dot = path.rfind('.');
     const std::string::size_type slash = path.rfind('/');
     if (dot != std::string::npos && (slash == std::string::npos || dot > slash))

@@ -13,6 +13,14 @@ function(run_step)
 endfunction()
 
 run_step(${CMAKE_COMMAND} --install ${BINARY_DIR} --prefix ${prefix})
+# Installed tools run from the prefix with nothing on the loader's path.
+if(EXISTS ${prefix}/bin/sonra-netsim)
+  run_step(${prefix}/bin/sonra-netsim --help)
+  if(NOT step_output MATCHES "sonra-netsim")
+    message(FATAL_ERROR "installed sonra-netsim printed: ${step_output}")
+  endif()
+endif()
+
 run_step(${CMAKE_COMMAND} -S ${SOURCE_DIR}/tests/install/consumer -B ${WORK_DIR}/consumer
          -G ${GENERATOR} -DCMAKE_PREFIX_PATH=${prefix})
 run_step(${CMAKE_COMMAND} --build ${WORK_DIR}/consumer)
