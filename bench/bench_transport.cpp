@@ -113,6 +113,17 @@ void BM_JbufFiveQueues(benchmark::State& state)
 }
 BENCHMARK(BM_JbufFiveQueues);
 
+// The same with the playout policy following the network and recovery on.
+void BM_JbufFiveQueuesAdaptive(benchmark::State& state)
+{
+    SonraJbuf jbuf(FRAME_DURATION);
+    jbuf.setDelays(40, 20, 100, 60);
+    jbuf.setPlayoutPolicy(SonraJbuf::PLAYOUT_ADAPTIVE);
+    jbuf.setRecovery(true);
+    runJbuf(state, jbuf);
+}
+BENCHMARK(BM_JbufFiveQueuesAdaptive);
+
 // The whole receiving node: a datagram in (length check, parse, payload
 // copy, put) and one graph frame out.
 void BM_ReceiverNode(benchmark::State& state)
@@ -163,7 +174,7 @@ public:
             return;
         std::printf("\nCPU time as a ratio to one bare opus_decode of 20 ms at 16 kHz:\n");
         for (const auto& time : m_cpuTimes)
-            std::printf("  %-22s %8.4f\n", time.first.c_str(), time.second / reference);
+            std::printf("  %-28s %8.4f\n", time.first.c_str(), time.second / reference);
     }
 
 private:

@@ -74,6 +74,9 @@ Path buildPath(const std::vector<int16_t>& input, const Config& config, std::siz
     path.mixer = boost::make_shared<SonraMixerNode>(path.io, frameDuration, rate);
     if (config.setDelays)
         path.receiver->setDelays(config.delays[0], config.delays[1], config.delays[2], config.delays[3]);
+    path.receiver->setRecovery(config.recovery);
+    if (config.adaptivePlayout)
+        path.receiver->setPlayoutPolicy(SonraJbuf::PLAYOUT_ADAPTIVE);
     path.pipe = boost::make_shared<SonraPipe>(frameDuration);
     connectCodec(config, path);
     return path;

@@ -37,6 +37,8 @@ struct Config {
     Codec codec = Codec::Opus;
     bool setDelays = false;       // leave the receiver's defaults unless set
     unsigned delays[4] = {60, 60, 60, 300}; // initial, min, max, extra jitter delay, ms
+    bool recovery = true;         // SonraJbuf::setRecovery: a stray datagram never silences the receiver
+    bool adaptivePlayout = false; // SonraJbuf::PLAYOUT_ADAPTIVE rather than the fixed initial delay
     NetworkModel network;
     bool useScenario = false;
     std::vector<ScenarioLine> scenario;

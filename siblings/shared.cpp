@@ -11,14 +11,16 @@
 
 namespace ombrel {
 
+namespace detail {
+std::atomic<bool> g_anyDebugEnabled{false};
+}
+
 namespace {
 
 struct LogState {
     std::mutex mutex;
     LogSink sink;
     std::set<std::string> enabledCategories;
-    // Lets a disabled debug statement skip the lock on the hot path.
-    std::atomic<bool> anyDebugEnabled{false};
 };
 
 LogState& logState()
@@ -77,13 +79,14 @@ void setDebugEnabled(const std::string& category, bool enabled)
         state.enabledCategories.insert(category);
     else
         state.enabledCategories.erase(category);
-    state.anyDebugEnabled = !state.enabledCategories.empty();
+    detail::g_anyDebugEnabled = !state.enabledCategories.empty();
 }
 
 bool isDebugEnabled(const std::string& category)
 {
     LogState& state = logState();
-    if (!state.anyDebugEnabled)
+    // Lets a disabled debug statement skip the lock on the hot path.
+    if (!anyDebugEnabled())
         return false;
     std::lock_guard<std::mutex> lock(state.mutex);
     return state.enabledCategories.count(category) != 0;

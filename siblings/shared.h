@@ -5,6 +5,7 @@
 
 #include <boost/function.hpp>
 
+#include <atomic>
 #include <sstream>
 #include <string>
 
@@ -72,6 +73,14 @@ private:
 };
 
 DebugStream debug(const std::string& category, int level, bool flag);
+
+namespace detail {
+extern std::atomic<bool> g_anyDebugEnabled;
+}
+
+// False when no debug category is enabled: a debug record would be dropped
+// whatever its category. One relaxed load, for per-frame code.
+inline bool anyDebugEnabled() { return detail::g_anyDebugEnabled.load(std::memory_order_relaxed); }
 DebugStream warning(const std::string& category, bool flag);
 
 // Prints the failed expression, the function and the source path (from the
@@ -88,5 +97,13 @@ DebugStream warning(const std::string& category, bool flag);
 #define SONRA_ASSERT(expression) \
     ((expression) ? (void)0 : ::ombrel::assertionFailed(#expression, __func__, __FILE__))
 #endif
+
+// A debug record whose category string and items are not even built, nor
+// its arguments evaluated, while no debug category is enabled:
+//     SONRA_DEBUG("audio2jbuf", 0, false) << "Jbuf " << clock() << " put frame ";
+#define SONRA_DEBUG(category, level, flag) \
+    if (!::ombrel::anyDebugEnabled()) {    \
+    } else                                 \
+        ::ombrel::debug(category, level, flag)
 
 #endif

@@ -14,6 +14,8 @@
 #include <algorithm>
 #include <chrono>
 #include <climits>
+#include <cmath>
+#include <map>
 #include <cstring>
 #include <random>
 #include <regex>
@@ -434,4 +436,88 @@ TEST(Receiver, RandomDatagramsNeverHurt)
     }
     EXPECT_GT(rig.receiver->statistics().framesPut, 10000u);
     EXPECT_LT(rig.receiver->statistics().framesPut, 20000u);
+}
+
+TEST(Jbuf, RecoveryResumesAfterStrayRestartedOrRenumberedStreams)
+{
+    auto range = [](unsigned first, unsigned count) {
+        Seqs seqs(count);
+        for (unsigned i = 0; i < count; ++i)
+            seqs[i] = first + i;
+        return seqs;
+    };
+    auto join = [](Seqs a, const Seqs& b) { return a.insert(a.end(), b.begin(), b.end()), a; };
+    // A lead-in, a disturbance, then 100 frames judged: how many of them play, recovery off and on.
+    // On, RECOVERY_RUN_FRAMES (4) refused frames that agree re-anchor: 3 go unplayed. Strays, resyncs when on.
+    struct Case { Seqs leadIn; long played[2]; Seqs judged; Counts on; };
+    const Case cases[] = {
+        {join(range(1, 50), {0x7fffffffu}), {0, 100}, range(51, 100), {1, 0}}, // a stray far ahead
+        {join(range(1, 50), {50, 1000}), {0, 100}, range(51, 100), {1, 0}},    // a duplicate, then a stray
+        {range(1, 300), {0, 97}, range(1, 100), {0, 1}},                       // the sender restarts
+        {{}, {64, 100}, range(0x7fffffc0u, 100), {0, 0}},                      // a stream crossing 2^31
+        {{}, {35, 97}, range(0xffffffc0u, 100), {0, 1}},                       // ... and 2^32
+    };
+    for (const Case& c : cases) {
+        for (bool recovery : {false, true}) {
+            JbufRig rig;
+            rig.jbuf.setRecovery(recovery);
+            for (unsigned seqNum : c.leadIn)
+                rig.put(seqNum), rig.get();
+            long played = 0;
+            for (unsigned seqNum : c.judged) {
+                rig.put(seqNum);
+                const unsigned got = rig.get(); // 0: nothing
+                played += got != 0 && std::count(c.judged.begin(), c.judged.end(), got);
+            }
+            EXPECT_EQ(c.played[recovery], played) << c.judged[0] << (recovery ? " on" : " off");
+            const SonraJbufStatistics s = rig.jbuf.statistics();
+            EXPECT_EQ(recovery ? c.on : (Counts{0, 0}), (Counts{s.framesStray, s.resyncs})) << c.judged[0];
+        }
+    }
+}
+
+namespace {
+
+// 30 s of a seeded network, one packet per 20 ms: 20 ms + Pareto jitter (minimum 30 ms, shape 2), 2% loss,
+// and a spike at 4 s that adds 300 ms and drains at 1 ms per ms. Arrivals are put before each get.
+Seqs playThroughSpike(JbufRig& rig)
+{
+    rig.jbuf.setDelays(60, 20, 200, 300);
+    std::mt19937 random(7);
+    std::uniform_real_distribution<double> uniform(1e-9, 1);
+    std::multimap<double, unsigned> inFlight;
+    Seqs played;
+    for (unsigned n = 1; n <= 1500; ++n) {
+        const double sent = 20.0 * n, spike = sent < 4000 ? 0 : std::max(0.0, 4300 - sent);
+        const double arrival = sent + 20 + 30 / std::sqrt(uniform(random)) - 30 + spike;
+        if (random() % 50 != 0)
+            inFlight.emplace(arrival, n);
+        for (rig.now = 20 * n; !inFlight.empty() && inFlight.begin()->first <= rig.now; inFlight.erase(inFlight.begin()))
+            rig.put(inFlight.begin()->second);
+        played.push_back(rig.get());
+    }
+    return played;
+}
+
+} // namespace
+
+TEST(Jbuf, AdaptivePlayoutFollowsASpikeWithoutRepeatingAndFixedIsTheDefault)
+{
+    JbufRig untouched, fixed, adaptive;
+    fixed.jbuf.setPlayoutPolicy(SonraJbuf::PLAYOUT_ADAPTIVE);
+    fixed.jbuf.setPlayoutPolicy(SonraJbuf::PLAYOUT_FIXED);
+    adaptive.jbuf.setPlayoutPolicy(SonraJbuf::PLAYOUT_ADAPTIVE);
+    EXPECT_EQ(playThroughSpike(untouched), playThroughSpike(fixed));
+    Seqs frames = playThroughSpike(adaptive);
+    frames.erase(std::remove(frames.begin(), frames.end(), 0u), frames.end());
+    EXPECT_TRUE(std::is_sorted(frames.begin(), frames.end(), std::less_equal<unsigned>())); // no repeat, no reorder
+    const SonraJbufStatistics f = fixed.jbuf.statistics(), a = adaptive.jbuf.statistics();
+    EXPECT_EQ(0u, f.switchesDeeper + f.switchesShallower + f.framesHeld + f.framesSkipped);
+    EXPECT_EQ(3u, f.playedDepth);
+    EXPECT_EQ((Counts{59, 24}), (Counts{f.framesTooOld, a.framesTooOld}));
+    // Climbs 3 -> 5 at 1.4 s and 5 -> 6 at 2.5 s, holding 3 frames; comes down at 12.7 s and 25.3 s, skipping 2.
+    EXPECT_EQ((Counts{2, 2, 3, 2, 4}), (Counts{a.switchesDeeper, a.switchesShallower, a.framesHeld, a.framesSkipped,
+                                               a.playedDepth}));
+    EXPECT_EQ(frames.size(), a.framesPlayed);
+    EXPECT_EQ(1500u, a.framesPlayed + a.framesHeld + a.underruns); // every get: played, held or dry
 }

@@ -36,6 +36,10 @@ const char* const USAGE =
     "  --codec opus|pcm       pcm sends the samples themselves, to judge network and buffer alone (opus)\n"
     "  --delays I,MIN,MAX,X   jitter buffer delays, ms: initial, minimum, maximum, extra jitter\n"
     "                         (60,60,60,300); multiples of the frame duration\n"
+    "  --policy fixed|adaptive  fixed plays the initial delay; adaptive the shallowest delay\n"
+    "                         whose recent share of too-old frames stays under 1% (fixed)\n"
+    "  --recovery on|off      re-anchor on a restarted or re-numbered stream; never let one\n"
+    "                         stray datagram move the stream (on)\n"
     "network model:\n"
     "  --seed N               seed of every random draw (1)\n"
     "  --loss PCT             long-run packet loss (0)\n"
@@ -118,7 +122,15 @@ bool pathOption(const std::string& arg, const std::string& value, Config& config
         config.codec = value == "opus" ? sonranetsim::Codec::Opus : sonranetsim::Codec::Pcm;
     } else if (arg == "--delays")
         parseDelays(arg, value, config);
-    else
+    else if (arg == "--policy") {
+        if (value != "fixed" && value != "adaptive")
+            throw UsageError("--policy: expected fixed or adaptive, got \"" + value + "\"");
+        config.adaptivePlayout = value == "adaptive";
+    } else if (arg == "--recovery") {
+        if (value != "on" && value != "off")
+            throw UsageError("--recovery: expected on or off, got \"" + value + "\"");
+        config.recovery = value == "on";
+    } else
         return false;
     return true;
 }
@@ -293,8 +305,9 @@ void printSummary(const Options& options, const sonranetsim::Result& result)
                     model.baseDelay, jitterName(model.jitterKind), model.jitter, model.reorderRate * 100,
                     model.reorderDelay, model.duplicateRate * 100, model.spikeRate * 100, model.spikeHeight);
     const unsigned* delays = config.delays;
-    std::printf("jitter buffer: initial %u, min %u, max %u, extra %u ms\n\n", delays[0], delays[1], delays[2],
-                delays[3]);
+    std::printf("jitter buffer: initial %u, min %u, max %u, extra %u ms, %s playout, recovery %s\n\n", delays[0],
+                delays[1], delays[2], delays[3], config.adaptivePlayout ? "adaptive" : "fixed",
+                config.recovery ? "on" : "off");
     const ombrel::SonraJbufStatistics& j = s.jbuf;
     std::printf("packets sent              %8u\n", s.sent);
     std::printf("lost in the network       %8u  %s\n", s.lostInNetwork, percentOf(s.lostInNetwork, s.sent).c_str());
@@ -306,7 +319,13 @@ void printSummary(const Options& options, const sonranetsim::Result& result)
     std::printf("played                    %8u  %s\n", s.played, percentOf(s.played, s.sent).c_str());
     std::printf("arrived, never played     %8u\n", s.neverPlayed);
     std::printf("underruns (frames)        %8llu\n", static_cast<unsigned long long>(j.underruns));
-    std::printf("depth decreases           %8llu\n\n", static_cast<unsigned long long>(j.depthDecreases));
+    std::printf("depth decreases           %8llu\n", static_cast<unsigned long long>(j.depthDecreases));
+    std::printf("stray, resyncs            %8llu %llu\n", static_cast<unsigned long long>(j.framesStray),
+                static_cast<unsigned long long>(j.resyncs));
+    std::printf("playout deeper, shallower %8llu %llu (held %llu, skipped %llu; depth now %u)\n\n",
+                static_cast<unsigned long long>(j.switchesDeeper), static_cast<unsigned long long>(j.switchesShallower),
+                static_cast<unsigned long long>(j.framesHeld), static_cast<unsigned long long>(j.framesSkipped),
+                j.playedDepth);
     std::printf("network delay             mean %.1f ms, 95th percentile %.1f ms\n", s.meanNetworkDelay,
                 s.p95NetworkDelay);
     std::printf("send to playout delay     mean %.1f ms, 95th percentile %.1f ms, max %u ms\n", s.meanDelay,

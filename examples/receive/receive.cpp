@@ -13,8 +13,10 @@
 #include <boost/asio.hpp>
 #include <boost/make_shared.hpp>
 
+#include <chrono>
 #include <cmath>
 #include <cstdio>
+#include <functional>
 
 using namespace ombrel;
 using boost::asio::ip::udp;

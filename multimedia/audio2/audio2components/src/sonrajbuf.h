@@ -28,15 +28,46 @@ struct SonraJbufStatistics {
     uint64_t duplicates = 0;       // stored into a slot that already held a frame (the older copy goes)
     uint64_t underruns = 0;        // gets with nothing due
     uint64_t depthDecreases = 0;   // times the queue cut its delay by one frame
+    // With recovery on (SonraJbuf::setRecovery):
+    uint64_t framesStray = 0;      // refused: would have moved the head further than a stream jumps
+    uint64_t resyncs = 0;          // re-anchors on a run of refused frames that agree with each other
+    // With the adaptive playout policy (SonraJbuf::setPlayoutPolicy), the
+    // counts above add up what each queue did while it was the played one:
+    uint64_t switchesDeeper = 0;    // moves to a deeper queue
+    uint64_t switchesShallower = 0; // moves to a shallower queue
+    uint64_t framesHeld = 0;        // frames a deeper queue had due again after a move: not played
+                                    // (not in framesPlayed), each one period of added delay
+    uint64_t framesSkipped = 0;     // sequence numbers passed over by a move to a shallower queue
+    unsigned playedDepth = 0;       // frames, depth of the queue played now
     unsigned queuedFrames = 0;     // frames the queue counts as held now (a duplicate counts twice)
     unsigned lastResidenceTime = 0; // ms the last played frame spent in the buffer
     unsigned lastSeqNum = 0;       // sequence number of the last played frame
     unsigned lastTimeStamp = 0;    // timestamp (ms) of the last played frame
 };
 
-// One playout queue of SonraJbuf with a fixed nominal depth: a ring of slots
-// indexed by sequence number from the playout head. Created and driven only
-// by SonraJbuf.
+// One playout queue of SonraJbuf with a fixed nominal depth D (frames): a
+// ring of slots indexed by sequence number from the playout head. Created
+// and driven only by SonraJbuf.
+//
+// Placement: slot (head index + k) mod ring size holds sequence number
+// head + k, for 0 <= k <= the maximum lead. A frame below the lowest
+// playable number (the highest head reached) is refused as too old; one
+// further ahead than the maximum lead pushes the head on until it fits.
+//
+// Growth: a get with nothing due leaves the head where it is while the queue
+// is empty; the next frame to arrive re-anchors the head on itself, so the
+// delay grows by the time the queue was dry.
+//
+// Cut: with F the frame duration (ms), each get measures t, the time (ms)
+// the played frame spent in the queue. An observation period restarts
+// whenever t sets a new minimum t_min or the queue holds more frames than
+// its reference depth R allows (R = the largest queue length seen in the
+// period less one, never below D). Once the period lasts
+//     OBSERVATION_PERIOD_MS / F played frames (3000 ms: 150 at 20 ms),
+// the queue drops one frame, cutting its delay by F, if
+//     queued frames >= D   and   t_min >= F * R,
+// that is when every frame of the period waited at least the reference
+// depth. Either way the period then restarts with R = D.
 class SonraJbufSimple : private boost::noncopyable {
 public:
     // `bufDelayFrames` is the depth D, `maxDelayFrames` how far ahead of the
@@ -45,7 +76,8 @@ public:
                     SonraJbuf* jbuf);
     ~SonraJbufSimple();
 
-    void putFrame(boost::shared_ptr<SonraJbufFrame_p> frame);
+    // True when the frame was refused as too old.
+    bool putFrame(boost::shared_ptr<SonraJbufFrame_p> frame);
     // The frame due now, or an empty pointer.
     boost::shared_ptr<SonraJbufFrame_p> getFrame();
 
@@ -56,6 +88,10 @@ private:
     void advanceHead(unsigned steps);
     unsigned residenceTime(const SonraJbufFrame_p& frame) const;
     void notePlayed(const SonraJbufFrame_p& frame);
+    bool isSuspect(unsigned seqNum) const;
+    bool refuseSuspect(const boost::shared_ptr<SonraJbufFrame_p>& frame);
+    void resync(const boost::shared_ptr<SonraJbufFrame_p>& frame);
+    void primeDepth();
 
     SonraJbuf_p* m_owner;
     unsigned m_bufDelayFrames; // frames
@@ -70,6 +106,11 @@ private:
     unsigned m_dynMinBufTime;        // ms; 0: none measured yet
     unsigned m_dynReferenceBufDepth; // frames
     SonraJbuf* m_jbufPtr;
+    unsigned m_getCount;       // gets since construction, wrapping
+    unsigned m_runSeqNum;      // last frame of the current run of refused frames
+    unsigned m_runLength;      // refused frames in the run; 0: no run
+    unsigned m_runStart;       // m_getCount when the run began
+    unsigned m_primingGets;    // gets left before a queue that started from empty plays
     // Counters for SonraJbuf::statistics(); no decision reads them.
     SonraJbufStatistics m_statistics;
 };
@@ -77,6 +118,10 @@ private:
 // Adaptive jitter buffer: one SonraJbufSimple per candidate depth between
 // the minimum and the maximum delay, all fed every frame and advanced on
 // every take; the queue whose depth equals the initial delay is played out.
+// The queues that are not played run in lockstep with it so that each shows,
+// in its log records and counts, what playout at its depth would have done
+// on the same network; they are the depths that playout can move to without
+// a warm-up.
 // Delays are in ms and must be whole multiples of the frame duration. Not
 // thread-safe: the owner serialises every call.
 class SonraJbuf : private boost::noncopyable {
@@ -104,6 +149,52 @@ public:
 
     // Counts of the played queue since the last reset.
     SonraJbufStatistics statistics() const;
+
+    // Recovery from sequence numbers that the queue rules alone cannot
+    // recover from (off by default; turning it on or off keeps the frames).
+    // With recovery on, each queue
+    //  - refuses, as stray, a frame that would move its head further ahead
+    //    than max(its maximum lead, RECOVERY_MAX_JUMP_MS / frame duration),
+    //    so that one far-ahead datagram never moves the stream;
+    //  - re-anchors on a run of RECOVERY_RUN_FRAMES frames far from the
+    //    stream (stray, unnumbered, or older than the maximum lead below the
+    //    lowest playable number) with no stored frame between them, each
+    //    within the maximum lead of the one before, spanning at least
+    //    RECOVERY_RUN_FRAMES - 1 gets: a restarted or re-numbered stream
+    //    plays again within RECOVERY_RUN_FRAMES periods (frames only a little
+    //    too old are late ones, left to the queue rules);
+    //  - anchors on any number but 0, so a stream may cross 2^31.
+    // Off, the frames are exactly those of the queue rules.
+    void setRecovery(bool enabled);
+    static unsigned RECOVERY_RUN_FRAMES;  // frames
+    static unsigned RECOVERY_MAX_JUMP_MS; // ms
+
+    // Which queue is played. PLAYOUT_FIXED, the default: the queue of the
+    // initial delay, always. PLAYOUT_ADAPTIVE: the shallowest queue whose
+    // recent share of too-old frames (too old for it, in time for the
+    // deepest queue) stays at or under PLAYOUT_TOO_OLD_TARGET:
+    //  - the share is a running mean over about PLAYOUT_SHARE_FRAMES frames put;
+    //  - quick climb: once the played queue's share exceeds the target, the
+    //    next get plays the shallowest deeper queue at or under it (the
+    //    deepest when none is);
+    //  - slow descent: one depth at a time, once PLAYOUT_DESCENT_HOLD_MS have
+    //    passed since the last move and the next shallower queue's share is
+    //    under PLAYOUT_DESCENT_FRACTION of the target (the hysteresis);
+    //  - a move never repeats or reorders a frame: until the new queue has a
+    //    frame after the last one played, what it has due is held back (a
+    //    climb costs one held frame per frame of delay it adds), and a
+    //    descent passes over the frames between (one per frame of delay it
+    //    removes);
+    //  - so that the depths are a ladder of delays to choose from, a queue
+    //    that starts from empty (first frame, after running dry, after a
+    //    resync) waits D - 1 periods before it plays.
+    // Resets: everything buffered is dropped.
+    enum PlayoutPolicy : int32_t { PLAYOUT_FIXED = 0, PLAYOUT_ADAPTIVE = 1 };
+    void setPlayoutPolicy(PlayoutPolicy policy);
+    static double PLAYOUT_TOO_OLD_TARGET;    // share of frames put, 0..1
+    static unsigned PLAYOUT_SHARE_FRAMES;    // frames
+    static unsigned PLAYOUT_DESCENT_HOLD_MS; // ms
+    static double PLAYOUT_DESCENT_FRACTION;  // of the target
 
 private:
     boost::scoped_ptr<SonraJbuf_p> d;

@@ -41,6 +41,16 @@ void SonraReceiverNode::setDelays(unsigned int initialDelay, unsigned int minDel
     d->m_jbuf.setDelays(initialDelay, minDelay, maxDelay, extraJitterDelay);
 }
 
+void SonraReceiverNode::setRecovery(bool enabled)
+{
+    d->m_jbuf.setRecovery(enabled);
+}
+
+void SonraReceiverNode::setPlayoutPolicy(SonraJbuf::PlayoutPolicy policy)
+{
+    d->m_jbuf.setPlayoutPolicy(policy);
+}
+
 void SonraReceiverNode::dataReceived(boost::shared_ptr<std::vector<char> > data)
 {
     if (!data || data->size() < SonraPacket::HEADER_SIZE)

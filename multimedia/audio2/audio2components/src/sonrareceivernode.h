@@ -27,6 +27,12 @@ public:
     // The jitter buffer's delays, ms (SonraJbuf::setDelays); restarts it empty.
     void setDelays(unsigned int initialDelay, unsigned int minDelay, unsigned int maxDelay,
                    unsigned int extraJitterDelay);
+    // SonraJbuf::setRecovery: re-anchor on a restarted or re-numbered stream,
+    // never move the stream on one stray number. Off by default.
+    void setRecovery(bool enabled);
+    // SonraJbuf::setPlayoutPolicy: which delay is played; restarts the jitter
+    // buffer empty. SonraJbuf::PLAYOUT_FIXED by default.
+    void setPlayoutPolicy(SonraJbuf::PlayoutPolicy policy);
     // One received datagram; fewer than 12 bytes are ignored.
     void dataReceived(boost::shared_ptr<std::vector<char> > data);
     SonraJbufStatistics statistics() const;
