@@ -61,6 +61,8 @@ const char* const USAGE =
     "  --jitter MS            normal jitter, standard deviation (0)\n"
     "  --scenario FILE        replay a scenario on every leg, as sonra-netsim --scenario\n"
     "  --delays I,MIN,MAX,X   jitter buffer delays, ms (the receiver's own defaults)\n"
+    "  --recovery on|off      jitter buffers re-anchor on a restarted or re-numbered stream (on)\n"
+    "  --policy fixed|adaptive  jitter buffers play the initial delay, or follow the network (fixed)\n"
     "output:\n"
     "  --out DIR              where the outputs go (sonra-call-out)\n"
     "  --no-report            no call-report.png\n"
@@ -82,6 +84,8 @@ struct Options {
     bool report = true;
     bool quiet = false;
     bool realTime = false;
+    bool recovery = true;
+    bool adaptive = false;
     std::string capture, playback; // party 1's devices in real time; empty: a sound card when there is one
     sonranetsim::Config net;
     std::vector<std::pair<std::string, std::string> > effects; // option, value: checked once parties are known
@@ -153,6 +157,15 @@ void parseDelays(const std::string& value, sonranetsim::Config& net)
     net.setDelays = true;
 }
 
+void jitterBufferOption(const std::string& option, const std::string& value, Options& options)
+{
+    const bool recovery = option == "--recovery";
+    const std::string first = recovery ? "on" : "fixed", second = recovery ? "off" : "adaptive";
+    if (value != first && value != second)
+        throw UsageError(option + ": expected " + first + " or " + second + ", not \"" + value + "\"");
+    (recovery ? options.recovery : options.adaptive) = recovery ? value == first : value == second;
+}
+
 bool networkOption(const std::string& option, const std::string& value, Options& options)
 {
     sonranetsim::NetworkModel& model = options.net.network;
@@ -170,6 +183,8 @@ bool networkOption(const std::string& option, const std::string& value, Options&
         options.scenarioFile = value;
     else if (option == "--delays")
         parseDelays(value, options.net);
+    else if (option == "--recovery" || option == "--policy")
+        jitterBufferOption(option, value, options);
     else
         return false;
     return true;
@@ -294,6 +309,8 @@ sonracall::CallConfig callConfig(const Options& options, std::vector<std::string
 {
     sonracall::CallConfig config;
     config.net = options.net;
+    config.recovery = options.recovery;
+    config.adaptive = options.adaptive;
     if (!options.scenarioFile.empty()) {
         std::ifstream in(options.scenarioFile);
         if (!in)

@@ -63,6 +63,8 @@ struct CallConfig {
     unsigned frames = 0;              // graph frames of talk, before the hang-up and the drain
     std::vector<int16_t> notification; // mono at RATE, mixed into every party's ear at the start
     std::vector<int16_t> hold;         // mono at RATE, looped into every party's ear when not empty
+    bool recovery = true;             // the jitter buffers re-anchor on a restarted stream
+    bool adaptive = false;            // the jitter buffers follow the network's delay
     // Real time: every pipe on its own asio timer, every party on a real or
     // virtual device of these names (capture, playback); empty: stepped.
     std::vector<std::pair<std::string, std::string> > devices;
@@ -340,6 +342,9 @@ private:
         Leg& leg = *m_legs.back();
         Party& receiving = m_parties[to];
         leg.receiver = boost::make_shared<SonraReceiverNode>(receiving.io, FRAME_MS, RATE);
+        leg.receiver->setRecovery(m_config.recovery);
+        if (m_config.adaptive)
+            leg.receiver->setPlayoutPolicy(SonraJbuf::PLAYOUT_ADAPTIVE);
         if (m_config.net.setDelays) {
             const unsigned* d = m_config.net.delays;
             leg.receiver->setDelays(d[0], d[1], d[2], d[3]);
