@@ -19,6 +19,8 @@
 
 namespace {
 
+using sonratool::readMono;
+using sonratool::writeWav;
 using sonranetsim::Config;
 using sonranetsim::JitterKind;
 
