@@ -137,3 +137,16 @@ TEST_F(Call, BadOptionsAndFilesGiveOneLineAndAnExitCode)
         EXPECT_EQ(1, std::count(run.output.begin(), run.output.end(), '\n')) << run.output;
     }
 }
+
+TEST_F(Call, OverRtpLoopbackSocketsEveryPacketArrives)
+{
+    const sonratest::ToolRun run = call("--rtp --no-report");
+    ASSERT_EQ(0, run.exitCode) << run.output;
+    const std::regex leg("from party \\d over RTP: sent (\\d+) datagrams, received (\\d+)");
+    unsigned legs = 0;
+    for (std::sregex_iterator m(run.output.begin(), run.output.end(), leg), end; m != end; ++m, ++legs) {
+        EXPECT_EQ("100", (*m)[1].str());
+        EXPECT_EQ((*m)[1].str(), (*m)[2].str());
+    }
+    EXPECT_EQ(2u, legs) << run.output;
+}

@@ -63,6 +63,8 @@ const char* const USAGE =
     "  --delays I,MIN,MAX,X   jitter buffer delays, ms (the receiver's own defaults)\n"
     "  --recovery on|off      jitter buffers re-anchor on a restarted or re-numbered stream (on)\n"
     "  --policy fixed|adaptive  jitter buffers play the initial delay, or follow the network (fixed)\n"
+    "  --rtp                  G.711 over RTP with the RTP nodes, through UDP sockets on 127.0.0.1:\n"
+    "                         the sockets are the network; the model above does not apply\n"
     "output:\n"
     "  --out DIR              where the outputs go (sonra-call-out)\n"
     "  --no-report            no call-report.png\n"
@@ -84,6 +86,7 @@ struct Options {
     bool report = true;
     bool quiet = false;
     bool realTime = false;
+    bool rtp = false;
     bool recovery = true;
     bool adaptive = false;
     std::string capture, playback; // party 1's devices in real time; empty: a sound card when there is one
@@ -222,6 +225,10 @@ Options parse(int argc, char** argv)
             std::cout << USAGE;
             std::exit(0);
         }
+        if (option == "--rtp") {
+            options.rtp = true;
+            continue;
+        }
         if (option == "--quiet" || option == "--no-report" || option == "--realtime") {
             (option == "--quiet" ? options.quiet : option == "--realtime" ? options.realTime : options.report) =
                 option != "--no-report";
@@ -310,6 +317,7 @@ sonracall::CallConfig callConfig(const Options& options, std::vector<std::string
     sonracall::CallConfig config;
     config.net = options.net;
     config.recovery = options.recovery;
+    config.rtp = options.rtp;
     config.adaptive = options.adaptive;
     if (!options.scenarioFile.empty()) {
         std::ifstream in(options.scenarioFile);
@@ -402,7 +410,7 @@ void writeReportData(const sonracall::Call& call, const std::string& path)
     out << "# party time_s said_dbfs heard_dbfs lost jbuf_ms\n";
     const auto& parties = call.parties();
     for (std::size_t p = 0; p < parties.size(); ++p) {
-        const auto& party = parties[p];
+        const auto& party = *parties[p];
         const std::size_t frames = party.said.size() / FRAME_SAMPLES;
         std::vector<unsigned> lost(frames, 0);
         std::vector<double> residence(frames, -1);
@@ -485,12 +493,17 @@ void printSummary(const sonracall::Call& call, const std::vector<std::string>& i
 {
     const auto& parties = call.parties();
     for (std::size_t p = 0; p < parties.size(); ++p) {
-        const auto& party = parties[p];
+        const auto& party = *parties[p];
         const std::size_t frames = party.said.size() / FRAME_SAMPLES;
         std::printf("party %zu  said %s, heard -> %s\n", p + 1, inputs[p].c_str(), heardPaths[p].c_str());
         for (const auto& leg : call.legs()) {
             if (leg->to != p)
                 continue;
+            if (!leg->receiver) {
+                std::printf("  from party %u over RTP: sent %u datagrams, received %u\n", leg->from + 1, leg->rtpSent,
+                            leg->rtpReceived);
+                continue;
+            }
             const sonranetsim::Summary& s = leg->result.summary;
             double mean = 0;
             const double p95 = residencePercentile(leg->result, 0.95, &mean);
@@ -525,7 +538,7 @@ int runCall(const Options& options)
         if (options.realTime && config.devices[p].second.empty())
             heardPaths.back() = "the sound card";
         else if (!options.realTime)
-            sonratool::writeWav(heardPaths.back(), call.parties()[p].heard, RATE, call.parties()[p].playbackChannels);
+            sonratool::writeWav(heardPaths.back(), call.parties()[p]->heard, RATE, call.parties()[p]->playbackChannels);
     }
     if (!options.quiet)
         printSummary(call, inputs, heardPaths);

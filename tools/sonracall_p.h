@@ -17,17 +17,23 @@
 #include "sonranetsim.h"
 
 #include "sonradevnode.h"
+#include "sonrag711decnode.h"
+#include "sonrag711encnode.h"
 #include "sonramixernode.h"
 #include "sonramonotostereonode.h"
 #include "sonranoisesupressnode.h"
 #include "sonraopusdecnode.h"
 #include "sonraopusencnode.h"
 #include "sonrareceivernode.h"
+#include "sonraresamplernode.h"
 #include "sonrareverbnode.h"
+#include "sonrartpreceivernode.h"
+#include "sonrartpsendernode.h"
 #include "sonrasendernode.h"
 #include "sonravoicechangenode.h"
 #include "sonravolumenode.h"
 
+#include <boost/asio/ip/udp.hpp>
 #include <boost/make_shared.hpp>
 
 #include <algorithm>
@@ -36,6 +42,7 @@
 #include <cstring>
 #include <functional>
 #include <memory>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -48,6 +55,7 @@ const unsigned RATE = 16000;        // Hz, of every path
 const unsigned FRAME_MS = 20;       // ms, graph frames and packets alike
 const unsigned FRAME_SAMPLES = 320; // samples per channel in a graph frame
 const int LIMIT_LEVEL = 28672;      // a mixed sample at this magnitude makes the mixer's limiter cut
+const unsigned G711_RATE = 8000;    // Hz, the only rate G.711 takes
 
 struct PartyConfig {
     std::vector<int16_t> speech; // mono at RATE: what the microphone hears, once
@@ -63,6 +71,9 @@ struct CallConfig {
     unsigned frames = 0;              // graph frames of talk, before the hang-up and the drain
     std::vector<int16_t> notification; // mono at RATE, mixed into every party's ear at the start
     std::vector<int16_t> hold;         // mono at RATE, looped into every party's ear when not empty
+    // G.711 RTP through UDP sockets on 127.0.0.1 instead of Opus in the own
+    // format through the network model.
+    bool rtp = false;
     bool recovery = true;             // the jitter buffers re-anchor on a restarted stream
     bool adaptive = false;            // the jitter buffers follow the network's delay
     // Real time: every pipe on its own asio timer, every party on a real or
@@ -139,7 +150,10 @@ struct Leg {
     unsigned from, to; // party indexes
     sonranetsim::Link link;
     boost::shared_ptr<SonraReceiverNode> receiver;
-    boost::shared_ptr<SonraOpusDecNode> decoder;
+    boost::shared_ptr<SonraRtpReceiverNode> rtpReceiver;
+    boost::shared_ptr<SonraNode> decoder; // the last node before the mixer
+    std::unique_ptr<boost::asio::ip::udp::socket> socket; // RTP: the receiving party's, on 127.0.0.1
+    unsigned rtpSent = 0, rtpReceived = 0; // datagrams
     sonranetsim::Result result; // output: what `to` decoded from `from`, frame by frame
     uint64_t playedBefore = 0;  // frames the receiver had played when the current frame began
 };
@@ -151,6 +165,8 @@ struct Party {
     boost::shared_ptr<SteppedBuilder> builder = boost::make_shared<SteppedBuilder>();
     boost::shared_ptr<SonraVolumeNode> micVolume;
     boost::shared_ptr<SonraSenderNode> sender;
+    boost::shared_ptr<SonraRtpSenderNode> rtpSender;
+    std::unique_ptr<boost::asio::ip::udp::socket> socket; // RTP: the sending one
     boost::shared_ptr<SonraMixerNode> mixer;
     std::vector<boost::shared_ptr<SonraNode> > extraSources; // notification, hold music
     unsigned playbackChannels = 1;
@@ -164,9 +180,10 @@ class Call {
 public:
     explicit Call(const CallConfig& config) : m_config(config)
     {
-        m_parties.resize(config.parties.size());
+        for (std::size_t p = 0; p < config.parties.size(); ++p)
+            m_parties.emplace_back(new Party);
         for (std::size_t p = 0; p < m_parties.size(); ++p) {
-            m_parties[p].io = m_io;
+            m_parties[p]->io = m_io;
             buildSendPath(p);
         }
         for (std::size_t from = 0; from < m_parties.size(); ++from)
@@ -179,9 +196,9 @@ public:
     ~Call()
     {
         // Receivers hold their pipe as their clock.
-        for (Party& party : m_parties) {
-            party.container->stop();
-            party.pipe->clear();
+        for (auto& party : m_parties) {
+            party->container->stop();
+            party->pipe->clear();
         }
     }
 
@@ -191,8 +208,8 @@ public:
         for (std::size_t p = 0; p < m_parties.size(); ++p)
             startFrame(p, frame * FRAME_MS);
         for (std::size_t p = 0; p < m_parties.size(); ++p) {
-            m_parties[p].builder->device->block(microphoneFrame(p, frame), m_parties[p].heard);
-            m_parties[p].pipe->processFrame();
+            m_parties[p]->builder->device->block(microphoneFrame(p, frame), m_parties[p]->heard);
+            m_parties[p]->pipe->processFrame();
         }
         for (std::size_t p = 0; p < m_parties.size(); ++p)
             finishFrame(p);
@@ -221,28 +238,28 @@ public:
         const unsigned total = totalFrames();
         unsigned finished = 0;
         for (std::size_t p = 0; p < m_parties.size(); ++p) {
-            Party& party = m_parties[p];
+            Party& party = *m_parties[p];
             std::string message;
             if (party.container->start(int(party.playbackChannels), 1, &message) != 0)
                 return message;
             startFrame(p, 0);
             party.pipe->workCycleSignal.connect([this, p, total, &finished]() {
-                Party& party = m_parties[p];
+                Party& party = *m_parties[p];
                 const unsigned frame = party.pipe->elapsedTime() / FRAME_MS; // the one to come
                 finishFrame(p);
                 if (frame == m_config.frames)
-                    party.sender->clearSendHandler();
+                    clearSendHandler(party);
                 if (frame < total)
                     startFrame(p, frame * FRAME_MS);
                 else if (party.pipe->isRunning() && (party.pipe->stop(), ++finished == m_parties.size()))
                     m_io->stop();
             });
         }
-        for (Party& party : m_parties)
-            party.pipe->start(m_io);
+        for (auto& party : m_parties)
+            party->pipe->start(m_io);
         m_io->run();
-        for (Party& party : m_parties)
-            party.container->stop(); // closes a virtual playback file
+        for (auto& party : m_parties)
+            party->container->stop(); // closes a virtual playback file
         finish();
         return std::string();
     }
@@ -251,21 +268,31 @@ public:
 
     void hangUp()
     {
-        for (Party& party : m_parties)
+        for (auto& party : m_parties)
+            clearSendHandler(*party);
+    }
+
+    static void clearSendHandler(Party& party)
+    {
+        if (party.sender)
             party.sender->clearSendHandler();
+        else
+            party.rtpSender->clearSendHandler();
     }
 
     // Counts, delays and SNRs of every leg, against what its sender said.
     void finish()
     {
         for (auto& leg : m_legs) {
+            if (!leg->receiver)
+                continue; // RTP: counted by the sockets
             leg->result.summary.jbuf = leg->receiver->statistics();
             leg->result.packets = leg->link.packets();
-            sonranetsim::summarise(m_parties[leg->from].said, RATE, FRAME_SAMPLES, leg->result);
+            sonranetsim::summarise(m_parties[leg->from]->said, RATE, FRAME_SAMPLES, leg->result);
         }
     }
 
-    const std::vector<Party>& parties() const { return m_parties; }
+    const std::vector<std::unique_ptr<Party> >& parties() const { return m_parties; }
     const std::vector<std::unique_ptr<Leg> >& legs() const { return m_legs; }
 
     // Leg k (from party A to party B, in the order 1->2, 1->3, ..., 2->1, ...)
@@ -282,9 +309,25 @@ public:
 private:
     void startFrame(std::size_t p, unsigned now)
     {
-        for (auto& leg : m_legs)
-            if (leg->to == p)
+        for (auto& leg : m_legs) {
+            if (leg->to != p)
+                continue;
+            if (leg->receiver)
                 leg->result.frames.push_back(sonranetsim::startFrame(leg->link, *leg->receiver, now, leg->playedBefore));
+            else
+                receiveDatagrams(*leg);
+        }
+    }
+
+    // What the socket holds now: loopback datagrams are there once sent.
+    static void receiveDatagrams(Leg& leg)
+    {
+        while (leg.socket->available() > 0) {
+            auto datagram = boost::make_shared<std::vector<char> >(leg.socket->available());
+            datagram->resize(leg.socket->receive(boost::asio::buffer(*datagram)));
+            leg.rtpReceiver->dataReceived(datagram);
+            ++leg.rtpReceived;
+        }
     }
 
     void finishFrame(std::size_t p)
@@ -292,7 +335,8 @@ private:
         for (auto& leg : m_legs) {
             if (leg->to != p)
                 continue;
-            sonranetsim::finishFrame(leg->link, *leg->receiver, leg->playedBefore, leg->result.frames.back());
+            if (leg->receiver)
+                sonranetsim::finishFrame(leg->link, *leg->receiver, leg->playedBefore, leg->result.frames.back());
             const std::vector<int16_t> decoded = samplesOf(leg->decoder->outputData(), FRAME_SAMPLES);
             leg->result.output.insert(leg->result.output.end(), decoded.begin(), decoded.end());
         }
@@ -301,7 +345,7 @@ private:
 
     void buildSendPath(std::size_t p)
     {
-        Party& party = m_parties[p];
+        Party& party = *m_parties[p];
         const PartyConfig& config = m_config.parties[p];
         party.container = boost::make_shared<SonraDevNodesContainer>(
             party.io, FRAME_MS, SonraDevNodesContainer::DEFAULT_RINGBUF_DURATION, RATE);
@@ -330,9 +374,17 @@ private:
             chain(boost::make_shared<SonraReverbNode>(party.io, FRAME_MS, RATE));
         party.micVolume = boost::make_shared<SonraVolumeNode>(party.io, FRAME_MS, RATE);
         chain(party.micVolume);
-        chain(boost::make_shared<SonraOpusEncNode>(party.io, FRAME_MS, RATE));
-        party.sender = boost::make_shared<SonraSenderNode>(party.io, FRAME_MS, RATE);
-        chain(party.sender);
+        if (m_config.rtp) {
+            chain(boost::make_shared<SonraResamplerNode>(party.io, RATE, G711_RATE, FRAME_MS));
+            chain(boost::make_shared<SonraG711EncNode>(party.io, FRAME_MS, G711_RATE));
+            party.rtpSender = boost::make_shared<SonraRtpSenderNode>(party.io, FRAME_MS, G711_RATE);
+            chain(party.rtpSender);
+            party.socket.reset(new boost::asio::ip::udp::socket(*m_io, boost::asio::ip::udp::v4()));
+        } else {
+            chain(boost::make_shared<SonraOpusEncNode>(party.io, FRAME_MS, RATE));
+            party.sender = boost::make_shared<SonraSenderNode>(party.io, FRAME_MS, RATE);
+            chain(party.sender);
+        }
     }
 
     void addLeg(unsigned from, unsigned to)
@@ -340,7 +392,18 @@ private:
         const unsigned index = unsigned(m_legs.size());
         m_legs.emplace_back(new Leg(from, to, legNetwork(m_config.net, index)));
         Leg& leg = *m_legs.back();
-        Party& receiving = m_parties[to];
+        Party& receiving = *m_parties[to];
+        if (m_config.rtp) {
+            leg.rtpReceiver = boost::make_shared<SonraRtpReceiverNode>(receiving.io, FRAME_MS, G711_RATE);
+            leg.rtpReceiver->setLossConcealment(true);
+            auto decoder = boost::make_shared<SonraG711DecNode>(receiving.io, FRAME_MS, G711_RATE);
+            leg.decoder = boost::make_shared<SonraResamplerNode>(receiving.io, G711_RATE, RATE, FRAME_MS);
+            receiving.pipe->connect(leg.rtpReceiver, decoder);
+            receiving.pipe->connect(decoder, leg.decoder);
+            leg.socket.reset(new boost::asio::ip::udp::socket(
+                *m_io, boost::asio::ip::udp::endpoint(boost::asio::ip::address_v4::loopback(), 0)));
+            return;
+        }
         leg.receiver = boost::make_shared<SonraReceiverNode>(receiving.io, FRAME_MS, RATE);
         leg.receiver->setRecovery(m_config.recovery);
         if (m_config.adaptive)
@@ -350,27 +413,34 @@ private:
             leg.receiver->setDelays(d[0], d[1], d[2], d[3]);
         }
         leg.decoder = boost::make_shared<SonraOpusDecNode>(receiving.io, FRAME_MS, RATE);
+        receiving.pipe->connect(leg.receiver, leg.decoder);
     }
 
     void buildReceivePath(std::size_t p)
     {
-        Party& party = m_parties[p];
+        Party& party = *m_parties[p];
         const PartyConfig& config = m_config.parties[p];
         party.mixer = boost::make_shared<SonraMixerNode>(party.io, FRAME_MS, RATE);
         std::vector<Leg*> outgoing;
         for (auto& leg : m_legs) {
-            if (leg->to == p) {
-                party.pipe->connect(leg->receiver, leg->decoder);
+            if (leg->to == p)
                 party.pipe->connect(leg->decoder, party.mixer);
-            }
             if (leg->from == p)
                 outgoing.push_back(leg.get());
         }
         // Every peer gets its own copy, as from its own socket send.
-        party.sender->setSendHandler([outgoing](Frame packet) {
-            for (Leg* leg : outgoing)
-                leg->link.send(packet);
-        });
+        if (party.sender)
+            party.sender->setSendHandler([outgoing](Frame packet) {
+                for (Leg* leg : outgoing)
+                    leg->link.send(packet);
+            });
+        else
+            party.rtpSender->setSendHandler([outgoing, &party](Frame packet) {
+                for (Leg* leg : outgoing) {
+                    party.socket->send_to(boost::asio::buffer(*packet), leg->socket->local_endpoint());
+                    ++leg->rtpSent;
+                }
+            });
         addSource(party, samplesSource(m_config.notification, false));
         if (!m_config.hold.empty())
             addSource(party, samplesSource(m_config.hold, true));
@@ -412,7 +482,7 @@ private:
 
     void recordParty(std::size_t p)
     {
-        Party& party = m_parties[p];
+        Party& party = *m_parties[p];
         const std::vector<int16_t> said = samplesOf(party.micVolume->outputData(), FRAME_SAMPLES);
         party.said.insert(party.said.end(), said.begin(), said.end());
         std::vector<int32_t> sum(FRAME_SAMPLES, 0);
@@ -432,7 +502,7 @@ private:
 
     CallConfig m_config;
     boost::shared_ptr<boost::asio::io_service> m_io = boost::make_shared<boost::asio::io_service>();
-    std::vector<Party> m_parties;
+    std::vector<std::unique_ptr<Party> > m_parties;
     std::vector<std::unique_ptr<Leg> > m_legs;
 };
 
