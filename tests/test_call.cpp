@@ -83,6 +83,7 @@ TEST_F(Call, WithoutLossEveryPacketIsPlayedAndHeardAsSaid)
         EXPECT_EQ(0u, heard.samples.size() % 320);
         EXPECT_GT(heard.samples.size(), 32000u); // the talk and the jitter buffer's drain
     }
+    EXPECT_EQ("vorbis\n", sonratest::runTool("soxi -t " + out + "/call.ogg").output); // the call, recorded
     std::ifstream picture(out + "/call-report.png");
     std::string magic(8, '\0');
     picture.read(&magic[0], 8);

@@ -317,7 +317,6 @@ sonracall::CallConfig callConfig(const Options& options, std::vector<std::string
     sonracall::CallConfig config;
     config.net = options.net;
     config.recovery = options.recovery;
-    config.rtp = options.rtp;
     config.adaptive = options.adaptive;
     if (!options.scenarioFile.empty()) {
         std::ifstream in(options.scenarioFile);
@@ -336,12 +335,11 @@ sonracall::CallConfig callConfig(const Options& options, std::vector<std::string
         longest = std::max(longest, config.parties[p].speech.size());
     }
     applyEffects(options, config.parties);
-    config.notification = notificationSound();
-    if (!options.hold.empty()) {
-        config.hold = sonratool::readMono(options.hold, RATE);
-        for (int16_t& sample : config.hold)
-            sample = int16_t(sample / 4); // under the voices
-    }
+    config.notificationFile = options.outDir + "/notification.wav";
+    sonratool::writeWav(config.notificationFile, notificationSound(), RATE);
+    config.holdFile = options.hold;
+    config.recordFile = options.outDir + "/call.ogg";
+    config.rtp = options.rtp;
     const unsigned inputFrames = unsigned((longest + FRAME_SAMPLES - 1) / FRAME_SAMPLES);
     config.frames = options.seconds > 0 ? unsigned(std::ceil(options.seconds * 1000 / FRAME_MS)) : inputFrames;
     return config;
@@ -546,7 +544,8 @@ int runCall(const Options& options)
     if (options.report)
         plotReport(call, options.outDir + "/call-report.dat", picture);
     if (!options.quiet) {
-        std::printf("\noutputs in %s/: party-N.wav (what party N heard)", options.outDir.c_str());
+        std::printf("\noutputs in %s/: party-N.wav (what party N heard), call.ogg (party 1's side of the call)",
+                    options.outDir.c_str());
         std::printf(options.report ? ", call-report.png (levels, losses, jitter buffer over time)\n" : "\n");
     }
     return 0;

@@ -17,6 +17,8 @@
 #include "sonranetsim.h"
 
 #include "sonradevnode.h"
+#include "sonrafileplaynode.h"
+#include "sonrafilewriternode.h"
 #include "sonrag711decnode.h"
 #include "sonrag711encnode.h"
 #include "sonramixernode.h"
@@ -24,6 +26,7 @@
 #include "sonranoisesupressnode.h"
 #include "sonraopusdecnode.h"
 #include "sonraopusencnode.h"
+#include "sonraplainvsndfilevfs.h"
 #include "sonrareceivernode.h"
 #include "sonraresamplernode.h"
 #include "sonrareverbnode.h"
@@ -56,6 +59,7 @@ const unsigned FRAME_MS = 20;       // ms, graph frames and packets alike
 const unsigned FRAME_SAMPLES = 320; // samples per channel in a graph frame
 const int LIMIT_LEVEL = 28672;      // a mixed sample at this magnitude makes the mixer's limiter cut
 const unsigned G711_RATE = 8000;    // Hz, the only rate G.711 takes
+const int PLAYER_MAX_FILE = 64 << 20; // bytes of a notification or hold file
 
 struct PartyConfig {
     std::vector<int16_t> speech; // mono at RATE: what the microphone hears, once
@@ -69,8 +73,9 @@ struct CallConfig {
     std::vector<PartyConfig> parties;
     sonranetsim::Config net;          // the network model or scenario of every leg
     unsigned frames = 0;              // graph frames of talk, before the hang-up and the drain
-    std::vector<int16_t> notification; // mono at RATE, mixed into every party's ear at the start
-    std::vector<int16_t> hold;         // mono at RATE, looped into every party's ear when not empty
+    std::string notificationFile;     // played once into every party's ear at the start
+    std::string holdFile;             // looped into every party's ear when not empty
+    std::string recordFile;           // Ogg Vorbis of party 1's side of the call: said and heard
     // G.711 RTP through UDP sockets on 127.0.0.1 instead of Opus in the own
     // format through the network model.
     bool rtp = false;
@@ -120,22 +125,6 @@ struct SteppedBuilder : SonraDeviceBuilder {
     boost::shared_ptr<SteppedDevice> device = boost::make_shared<SteppedDevice>();
 };
 
-// Frames of `samples`, one per call, then nothing (or from the start again).
-inline SonraDevNode::Source samplesSource(std::vector<int16_t> samples, bool loop)
-{
-    auto next = boost::make_shared<std::size_t>(0);
-    return [samples, loop, next]() -> Frame {
-        if (samples.empty() || (!loop && *next >= samples.size()))
-            return Frame();
-        auto frame = boost::make_shared<std::vector<char> >(FRAME_SAMPLES * 2, 0);
-        int16_t* out = reinterpret_cast<int16_t*>(frame->data());
-        for (unsigned i = 0; i < FRAME_SAMPLES && (loop || *next < samples.size()); ++i)
-            out[i] = samples[(*next)++ % samples.size()];
-        *next %= loop ? samples.size() : std::size_t(-1);
-        return frame;
-    };
-}
-
 inline std::vector<int16_t> samplesOf(const Frame& frame, std::size_t count)
 {
     std::vector<int16_t> samples(count, 0);
@@ -168,6 +157,7 @@ struct Party {
     boost::shared_ptr<SonraRtpSenderNode> rtpSender;
     std::unique_ptr<boost::asio::ip::udp::socket> socket; // RTP: the sending one
     boost::shared_ptr<SonraMixerNode> mixer;
+    boost::shared_ptr<SonraFileWriterNode> writer;
     std::vector<boost::shared_ptr<SonraNode> > extraSources; // notification, hold music
     unsigned playbackChannels = 1;
     std::vector<int16_t> said;  // what the encoder took: the microphone after the send path
@@ -283,6 +273,8 @@ public:
     // Counts, delays and SNRs of every leg, against what its sender said.
     void finish()
     {
+        if (m_parties.front()->writer)
+            m_parties.front()->writer->stop(); // the recording is complete only now
         for (auto& leg : m_legs) {
             if (!leg->receiver)
                 continue; // RTP: counted by the sockets
@@ -441,9 +433,11 @@ private:
                     ++leg->rtpSent;
                 }
             });
-        addSource(party, samplesSource(m_config.notification, false));
-        if (!m_config.hold.empty())
-            addSource(party, samplesSource(m_config.hold, true));
+        addPlayer(party, m_config.notificationFile, false);
+        if (!m_config.holdFile.empty())
+            addPlayer(party, m_config.holdFile, true);
+        if (p == 0 && !m_config.recordFile.empty())
+            record(party);
 
         boost::shared_ptr<SonraNode> last = party.mixer;
         if (config.haasMs > 0) {
@@ -463,11 +457,27 @@ private:
             party.container->start(int(party.playbackChannels), 1, &message); // the stepped device always starts
     }
 
-    void addSource(Party& party, const SonraDevNode::Source& source)
+    void addPlayer(Party& party, const std::string& file, bool loop)
     {
-        auto node = boost::make_shared<SonraDevNode>(source, party.io, FRAME_MS, RATE);
-        party.pipe->connect(node, party.mixer);
-        party.extraSources.push_back(node);
+        auto player = boost::make_shared<SonraFilePlayNode>(party.io, PLAYER_MAX_FILE, FRAME_MS, RATE);
+        unsigned channels = 0;
+        if (player->start(file, channels, []() {}, loop) != SonraFilePlayNode::START_OK)
+            throw std::runtime_error("cannot read " + file);
+        party.pipe->connect(player, party.mixer);
+        party.extraSources.push_back(player);
+    }
+
+    // The party's side of the call, said and heard, into one Ogg Vorbis file.
+    void record(Party& party)
+    {
+        auto both = boost::make_shared<SonraMixerNode>(party.io, FRAME_MS, RATE);
+        party.writer = boost::make_shared<SonraFileWriterNode>(party.io, FRAME_MS, RATE);
+        party.writer->setVSndFile(boost::make_shared<SonraPlainVSndFileVfs>());
+        party.pipe->connect(party.micVolume, both);
+        party.pipe->connect(party.mixer, both);
+        party.pipe->connect(both, party.writer);
+        if (party.writer->start(m_config.recordFile, 1) != 0)
+            throw std::runtime_error("cannot write " + m_config.recordFile);
     }
 
     std::vector<int16_t> microphoneFrame(std::size_t p, unsigned frame) const
