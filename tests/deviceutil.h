@@ -3,21 +3,9 @@
 #define SONRA_DEVICEUTIL_H
 
 #include "sonrauniversaldev.h"
-
-#include <gtest/gtest.h>
-
-#include <boost/make_shared.hpp>
+#include "testutil.h"
 
 #include <sndfile.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <chrono>
-#include <cstdio>
-
-#include <cstdint>
-#include <string>
-#include <vector>
 
 namespace sonratest {
 
@@ -68,12 +56,6 @@ struct FakeBuilder : ombrel::SonraDeviceBuilder {
     unsigned lastSampleRate = 0;
 };
 
-// A file name in the test's temporary folder, unique to this process.
-inline std::string tempPath(const std::string& name)
-{
-    return ::testing::TempDir() + "sonra_" + std::to_string(::getpid()) + "_" + name;
-}
-
 // 16-bit PCM WAV through libsndfile; false when it cannot.
 inline bool writeWav(const std::string& path, const std::vector<int16_t>& samples, int sampleRate, int channels)
 {
@@ -108,27 +90,6 @@ inline WavContents readWav(const std::string& path)
         sf_close(file);
     }
     return contents;
-}
-
-struct ToolRun {
-    int exitCode = -1;
-    std::string output; // stdout and stderr
-    double seconds = 0;
-};
-
-// Runs a command line (a tool under test) to its end.
-inline ToolRun runTool(const std::string& command)
-{
-    ToolRun result;
-    const auto started = std::chrono::steady_clock::now();
-    FILE* pipe = ::popen((command + " 2>&1").c_str(), "r");
-    char buffer[4096];
-    for (std::size_t n; pipe && (n = std::fread(buffer, 1, sizeof buffer, pipe)) > 0;)
-        result.output.append(buffer, n);
-    const int status = pipe ? ::pclose(pipe) : -1;
-    result.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    result.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
-    return result;
 }
 
 } // namespace sonratest

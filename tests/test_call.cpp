@@ -16,6 +16,8 @@ namespace {
 
 const std::string TOOL = std::string(SONRA_BINARY_DIR) + "/tools/sonra-call";
 
+sonratest::Command run(const std::string& command) { return sonratest::shell(command + " 2>&1"); }
+
 // Opus in its VoIP mode codes 16 kHz speech by its spectrum, not its
 // waveform: straight through the codec the default speech comes back 7 to
 // 11 dB above its error (sonra-netsim gives the same), the least in the
@@ -55,9 +57,9 @@ protected:
         if (!std::ifstream(TOOL).good())
             GTEST_SKIP() << "sonra-call is not built (tools off)";
     }
-    sonratest::ToolRun call(const std::string& options)
+    sonratest::Command call(const std::string& options)
     {
-        return sonratest::runTool(TOOL + " --seconds 2 --out " + out + " " + options);
+        return run(TOOL + " --seconds 2 --out " + out + " " + options);
     }
     const std::string out = sonratest::tempPath("call");
 };
@@ -66,7 +68,7 @@ protected:
 
 TEST_F(Call, WithoutLossEveryPacketIsPlayedAndHeardAsSaid)
 {
-    const sonratest::ToolRun run = call("");
+    const sonratest::Command run = call("");
     ASSERT_EQ(0, run.exitCode) << run.output;
     EXPECT_EQ(std::string::npos, run.output.find('\r')); // no progress line off a terminal
     const auto legs = legsOf(run.output);
@@ -83,7 +85,7 @@ TEST_F(Call, WithoutLossEveryPacketIsPlayedAndHeardAsSaid)
         EXPECT_EQ(0u, heard.samples.size() % 320);
         EXPECT_GT(heard.samples.size(), 32000u); // the talk and the jitter buffer's drain
     }
-    EXPECT_EQ("vorbis\n", sonratest::runTool("soxi -t " + out + "/call.ogg").output); // the call, recorded
+    EXPECT_EQ("vorbis\n", run("soxi -t " + out + "/call.ogg").output); // the call, recorded
     std::ifstream picture(out + "/call-report.png");
     std::string magic(8, '\0');
     picture.read(&magic[0], 8);
@@ -92,7 +94,7 @@ TEST_F(Call, WithoutLossEveryPacketIsPlayedAndHeardAsSaid)
 
 TEST_F(Call, LossesCountedAreTheLossesTheNetworkModelMade)
 {
-    const sonratest::ToolRun run = call("--parties 3 --loss 10 --seed 7 --no-report");
+    const sonratest::Command run = call("--parties 3 --loss 10 --seed 7 --no-report");
     ASSERT_EQ(0, run.exitCode) << run.output;
     const auto legs = legsOf(run.output);
     ASSERT_EQ(6u, legs.size()) << run.output;
@@ -132,7 +134,7 @@ TEST_F(Call, BadOptionsAndFilesGiveOneLineAndAnExitCode)
         {"--out /proc/sonra-call", 1, "cannot create /proc/sonra-call"},
     };
     for (const auto& c : cases) {
-        const sonratest::ToolRun run = sonratest::runTool(TOOL + " --seconds 1 --out " + out + " " + c.options);
+        const sonratest::Command run = run(TOOL + " --seconds 1 --out " + out + " " + c.options);
         EXPECT_EQ(c.exitCode, run.exitCode) << c.options;
         EXPECT_EQ(0u, run.output.find("sonra-call: " + c.message)) << run.output;
         EXPECT_EQ(1, std::count(run.output.begin(), run.output.end(), '\n')) << run.output;
@@ -141,7 +143,7 @@ TEST_F(Call, BadOptionsAndFilesGiveOneLineAndAnExitCode)
 
 TEST_F(Call, OverRtpLoopbackSocketsEveryPacketArrives)
 {
-    const sonratest::ToolRun run = call("--rtp --no-report");
+    const sonratest::Command run = call("--rtp --no-report");
     ASSERT_EQ(0, run.exitCode) << run.output;
     const std::regex leg("from party \\d over RTP: sent (\\d+) datagrams, received (\\d+)");
     unsigned legs = 0;

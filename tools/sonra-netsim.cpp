@@ -42,6 +42,9 @@ const char* const USAGE =
     "                         whose recent share of too-old frames stays under 1% (fixed)\n"
     "  --recovery on|off      re-anchor on a restarted or re-numbered stream; never let one\n"
     "                         stray datagram move the stream (on)\n"
+    "  --plc MS               Opus: conceal up to MS of each gap in the played packets (0: none)\n"
+    "  --fec PCT              Opus: in-band FEC set for PCT %% loss, and a decoder that waits a frame\n"
+    "                         for each packet's successor to rebuild a lost packet from it (0: none)\n"
     "network model:\n"
     "  --seed N               seed of every random draw (1)\n"
     "  --loss PCT             long-run packet loss (0)\n"
@@ -132,7 +135,11 @@ bool pathOption(const std::string& arg, const std::string& value, Config& config
         if (value != "on" && value != "off")
             throw UsageError("--recovery: expected on or off, got \"" + value + "\"");
         config.recovery = value == "on";
-    } else
+    } else if (arg == "--plc")
+        config.concealment = whole(arg, value, 0, 60000);
+    else if (arg == "--fec")
+        config.fecLoss = whole(arg, value, 0, 100);
+    else
         return false;
     return true;
 }
@@ -214,6 +221,8 @@ void checkPath(const Config& config)
     if (config.codec == sonranetsim::Codec::Opus && rate != 8000 && rate != 12000 && rate != 16000 &&
         rate != 24000 && rate != 48000)
         throw UsageError("--rate: Opus takes 8000, 12000, 16000, 24000 or 48000 Hz");
+    if (config.codec != sonranetsim::Codec::Opus && (config.concealment > 0 || config.fecLoss > 0))
+        throw UsageError("--plc and --fec: with Opus only");
     const unsigned frame = config.frameDuration;
     // The receiver starts with delays of 60 and 300 ms at one packet per
     // frame, so its frame duration must divide 60 ms whatever --delays says.
@@ -307,9 +316,13 @@ void printSummary(const Options& options, const sonranetsim::Result& result)
                     model.baseDelay, jitterName(model.jitterKind), model.jitter, model.reorderRate * 100,
                     model.reorderDelay, model.duplicateRate * 100, model.spikeRate * 100, model.spikeHeight);
     const unsigned* delays = config.delays;
-    std::printf("jitter buffer: initial %u, min %u, max %u, extra %u ms, %s playout, recovery %s\n\n", delays[0],
+    std::printf("jitter buffer: initial %u, min %u, max %u, extra %u ms, %s playout, recovery %s\n", delays[0],
                 delays[1], delays[2], delays[3], config.adaptivePlayout ? "adaptive" : "fixed",
                 config.recovery ? "on" : "off");
+    if (config.codec == sonranetsim::Codec::Opus)
+        std::printf("decoder: concealment up to %u ms a gap, in-band FEC %s\n", config.concealment,
+                    config.fecLoss > 0 ? ("for " + std::to_string(config.fecLoss) + "% loss").c_str() : "off");
+    std::printf("\n");
     const ombrel::SonraJbufStatistics& j = s.jbuf;
     std::printf("packets sent              %8u\n", s.sent);
     std::printf("lost in the network       %8u  %s\n", s.lostInNetwork, percentOf(s.lostInNetwork, s.sent).c_str());
@@ -336,6 +349,9 @@ void printSummary(const Options& options, const sonranetsim::Result& result)
                 decibels(s.snr).c_str(), s.codecDelay);
     std::printf("SNR, as heard             %s (one fixed lag of %d samples)\n", decibels(s.fixedLagSnr).c_str(),
                 s.fixedLag);
+    std::printf("log-spectral distance     %.2f dB (mean over %u frames of speech of 20 ms, each set against\n"
+                "                          what was heard in its place; lower is better)\n",
+                s.spectralDistance, s.spectralFrames);
 }
 
 } // namespace
