@@ -68,16 +68,16 @@ protected:
 
 TEST_F(Call, WithoutLossEveryPacketIsPlayedAndHeardAsSaid)
 {
-    const sonratest::Command run = call("");
-    ASSERT_EQ(0, run.exitCode) << run.output;
-    EXPECT_EQ(std::string::npos, run.output.find('\r')); // no progress line off a terminal
-    const auto legs = legsOf(run.output);
-    ASSERT_EQ(2u, legs.size()) << run.output;
+    const sonratest::Command result = call("");
+    ASSERT_EQ(0, result.exitCode) << result.output;
+    EXPECT_EQ(std::string::npos, result.output.find('\r')); // no progress line off a terminal
+    const auto legs = legsOf(result.output);
+    ASSERT_EQ(2u, legs.size()) << result.output;
     for (const auto& leg : legs) {
         EXPECT_EQ(100u, leg.second.sent); // 2 s of 20 ms packets
         EXPECT_EQ(0u, leg.second.lost + leg.second.late);
         EXPECT_EQ(leg.second.sent, leg.second.played);
-        EXPECT_GT(leg.second.snr, HEARD_MATCHES_SAID_DB) << run.output;
+        EXPECT_GT(leg.second.snr, HEARD_MATCHES_SAID_DB) << result.output;
     }
     for (const std::string party : {"1", "2"}) {
         const sonratest::WavContents heard = sonratest::readWav(out + "/party-" + party + ".wav");
@@ -94,10 +94,10 @@ TEST_F(Call, WithoutLossEveryPacketIsPlayedAndHeardAsSaid)
 
 TEST_F(Call, LossesCountedAreTheLossesTheNetworkModelMade)
 {
-    const sonratest::Command run = call("--parties 3 --loss 10 --seed 7 --no-report");
-    ASSERT_EQ(0, run.exitCode) << run.output;
-    const auto legs = legsOf(run.output);
-    ASSERT_EQ(6u, legs.size()) << run.output;
+    const sonratest::Command result = call("--parties 3 --loss 10 --seed 7 --no-report");
+    ASSERT_EQ(0, result.exitCode) << result.output;
+    const auto legs = legsOf(result.output);
+    ASSERT_EQ(6u, legs.size()) << result.output;
     unsigned legIndex = 0, total = 0;
     for (unsigned from = 1; from <= 3; ++from)
         for (unsigned to = 1; to <= 3; ++to) {
@@ -134,22 +134,22 @@ TEST_F(Call, BadOptionsAndFilesGiveOneLineAndAnExitCode)
         {"--out /proc/sonra-call", 1, "cannot create /proc/sonra-call"},
     };
     for (const auto& c : cases) {
-        const sonratest::Command run = run(TOOL + " --seconds 1 --out " + out + " " + c.options);
-        EXPECT_EQ(c.exitCode, run.exitCode) << c.options;
-        EXPECT_EQ(0u, run.output.find("sonra-call: " + c.message)) << run.output;
-        EXPECT_EQ(1, std::count(run.output.begin(), run.output.end(), '\n')) << run.output;
+        const sonratest::Command result = run(TOOL + " --seconds 1 --out " + out + " " + c.options);
+        EXPECT_EQ(c.exitCode, result.exitCode) << c.options;
+        EXPECT_EQ(0u, result.output.find("sonra-call: " + c.message)) << result.output;
+        EXPECT_EQ(1, std::count(result.output.begin(), result.output.end(), '\n')) << result.output;
     }
 }
 
 TEST_F(Call, OverRtpLoopbackSocketsEveryPacketArrives)
 {
-    const sonratest::Command run = call("--rtp --no-report");
-    ASSERT_EQ(0, run.exitCode) << run.output;
+    const sonratest::Command result = call("--rtp --no-report");
+    ASSERT_EQ(0, result.exitCode) << result.output;
     const std::regex leg("from party \\d over RTP: sent (\\d+) datagrams, received (\\d+)");
     unsigned legs = 0;
-    for (std::sregex_iterator m(run.output.begin(), run.output.end(), leg), end; m != end; ++m, ++legs) {
+    for (std::sregex_iterator m(result.output.begin(), result.output.end(), leg), end; m != end; ++m, ++legs) {
         EXPECT_EQ("100", (*m)[1].str());
         EXPECT_EQ((*m)[1].str(), (*m)[2].str());
     }
-    EXPECT_EQ(2u, legs) << run.output;
+    EXPECT_EQ(2u, legs) << result.output;
 }
