@@ -338,6 +338,8 @@ sonracall::CallConfig callConfig(const Options& options, std::vector<std::string
     config.notificationFile = options.outDir + "/notification.wav";
     sonratool::writeWav(config.notificationFile, notificationSound(), RATE);
     config.holdFile = options.hold;
+    if (!options.hold.empty())
+        sonratool::readMono(options.hold, RATE); // an unreadable file is a message before any graph exists
     config.recordFile = options.outDir + "/call.ogg";
     config.rtp = options.rtp;
     const unsigned inputFrames = unsigned((longest + FRAME_SAMPLES - 1) / FRAME_SAMPLES);
