@@ -18,7 +18,7 @@ using namespace ombrel;
 namespace {
 
 const unsigned FRAME_MS = 20;
-const unsigned RATE = 48000;                          // Hz
+const unsigned RATE = 48000;                          // Hz, of the volume benchmarks
 const unsigned SAMPLES = RATE * FRAME_MS / 1000;      // per channel in a frame
 
 std::vector<int16_t> quietNoise(std::size_t count, unsigned seed)
@@ -39,16 +39,18 @@ boost::shared_ptr<std::vector<char> > frameOf(const std::vector<int16_t>& sample
 }
 
 // The baseline: a fresh output frame holding the saturated int sum.
+// Arguments of both mixer benchmarks: inputs, sample rate (Hz).
 void plainSaturatingSum(benchmark::State& state)
 {
     const unsigned inputs = unsigned(state.range(0));
+    const unsigned samples = unsigned(state.range(1)) * FRAME_MS / 1000;
     std::vector<boost::shared_ptr<std::vector<char> > > frames;
     for (unsigned n = 0; n < inputs; ++n)
-        frames.push_back(frameOf(quietNoise(SAMPLES, n)));
+        frames.push_back(frameOf(quietNoise(samples, n)));
     for (auto _ : state) {
-        auto out = boost::make_shared<std::vector<char> >(SAMPLES * 2);
+        auto out = boost::make_shared<std::vector<char> >(samples * 2);
         int16_t* o = reinterpret_cast<int16_t*>(out->data());
-        for (unsigned i = 0; i < SAMPLES; ++i) {
+        for (unsigned i = 0; i < samples; ++i) {
             int32_t sum = 0;
             for (const auto& frame : frames)
                 sum += reinterpret_cast<const int16_t*>(frame->data())[i];
@@ -60,13 +62,13 @@ void plainSaturatingSum(benchmark::State& state)
 
 void mixerNode(benchmark::State& state)
 {
-    const unsigned inputs = unsigned(state.range(0));
+    const unsigned inputs = unsigned(state.range(0)), rate = unsigned(state.range(1));
     auto io = boost::make_shared<boost::asio::io_service>();
     auto pipe = boost::make_shared<SonraPipe>(FRAME_MS);
-    auto mixer = boost::make_shared<SonraMixerNode>(io, FRAME_MS, RATE);
+    auto mixer = boost::make_shared<SonraMixerNode>(io, FRAME_MS, rate);
     for (unsigned n = 0; n < inputs; ++n) {
-        auto frame = frameOf(quietNoise(SAMPLES, n));
-        pipe->connect(boost::make_shared<SonraDevNode>([frame]() { return frame; }, io, FRAME_MS, RATE), mixer);
+        auto frame = frameOf(quietNoise(rate * FRAME_MS / 1000, n));
+        pipe->connect(boost::make_shared<SonraDevNode>([frame]() { return frame; }, io, FRAME_MS, rate), mixer);
     }
     pipe->processFrame(); // the sources' outputs now stand; time the mixer alone
     for (auto _ : state)
@@ -114,8 +116,8 @@ void volumeNode(benchmark::State& state)
 
 } // namespace
 
-BENCHMARK(plainSaturatingSum)->Arg(2)->Arg(8)->Arg(32);
-BENCHMARK(mixerNode)->Arg(2)->Arg(8)->Arg(32);
+BENCHMARK(plainSaturatingSum)->ArgsProduct({{2, 16, 64}, {8000, 16000, 48000}});
+BENCHMARK(mixerNode)->ArgsProduct({{2, 16, 64}, {8000, 16000, 48000}});
 // Volume in percent: unity and a typical attenuation.
 BENCHMARK(plainScaleLoop)->Arg(100)->Arg(80);
 BENCHMARK(volumeNode)->Arg(100)->Arg(80);

@@ -91,20 +91,10 @@ Path buildPath(const std::vector<int16_t>& input, const Config& config, std::siz
 // buffer played.
 FrameRecord runFrame(Path& path, Link& link, unsigned now)
 {
-    FrameRecord record;
-    record.time = now;
-    record.datagrams = link.deliverDue(now, *path.receiver);
-    const uint64_t playedBefore = path.receiver->statistics().framesPlayed;
+    uint64_t playedBefore = 0;
+    FrameRecord record = startFrame(link, *path.receiver, now, playedBefore);
     path.pipe->processFrame();
-    const SonraJbufStatistics stats = path.receiver->statistics();
-    record.played = stats.framesPlayed != playedBefore;
-    if (record.played) {
-        record.seqNum = stats.lastSeqNum;
-        record.timeStamp = stats.lastTimeStamp;
-        record.residence = stats.lastResidenceTime;
-        link.markPlayed(stats.lastSeqNum, now);
-    }
-    record.queued = stats.queuedFrames;
+    finishFrame(link, *path.receiver, playedBefore, record);
     return record;
 }
 
@@ -119,6 +109,28 @@ void appendOutput(SonraMixerNode& mixer, std::size_t frameSamples, std::vector<i
 }
 
 } // namespace
+
+FrameRecord startFrame(Link& link, SonraReceiverNode& receiver, unsigned now, uint64_t& playedBefore)
+{
+    FrameRecord record;
+    record.time = now;
+    record.datagrams = link.deliverDue(now, receiver);
+    playedBefore = receiver.statistics().framesPlayed;
+    return record;
+}
+
+void finishFrame(Link& link, const SonraReceiverNode& receiver, uint64_t playedBefore, FrameRecord& record)
+{
+    const SonraJbufStatistics stats = receiver.statistics();
+    record.played = stats.framesPlayed != playedBefore;
+    if (record.played) {
+        record.seqNum = stats.lastSeqNum;
+        record.timeStamp = stats.lastTimeStamp;
+        record.residence = stats.lastResidenceTime;
+        link.markPlayed(stats.lastSeqNum, record.time);
+    }
+    record.queued = stats.queuedFrames;
+}
 
 Network networkOf(const Config& config)
 {

@@ -72,6 +72,13 @@ private:
     std::vector<PacketRecord> m_packets;
 };
 
+// One receiver's side of a graph frame starting at `now` (ms), for paths
+// built elsewhere: startFrame hands over the datagrams due and notes how
+// much the receiver had played; after the pipe ran the frame, finishFrame
+// records what it played and marks the packet played on the link.
+FrameRecord startFrame(Link& link, ombrel::SonraReceiverNode& receiver, unsigned now, uint64_t& playedBefore);
+void finishFrame(Link& link, const ombrel::SonraReceiverNode& receiver, uint64_t playedBefore, FrameRecord& record);
+
 // Graph frames to run past the input (and an empty network) so that the
 // jitter buffer plays out what it can hold.
 unsigned drainFrames(const Config& config);

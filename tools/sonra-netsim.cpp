@@ -71,6 +71,8 @@ using sonratool::UsageError;
 using sonratool::number;
 using sonratool::plain;
 using sonratool::whole;
+using sonratool::readMono;
+using sonratool::writeWav;
 
 JitterKind jitterKind(const std::string& text)
 {

@@ -1,5 +1,5 @@
 // Sound files for the tools: any file libsndfile reads, mixed to mono and
-// resampled to the rate a tool works at; 16-bit mono WAV out.
+// resampled to the rate a path runs at; 16-bit WAV out.
 #ifndef SONRA_SOUNDFILE_P_H
 #define SONRA_SOUNDFILE_P_H
 
@@ -53,11 +53,12 @@ inline std::vector<int16_t> readMono(const std::string& path, unsigned rate)
     return out;
 }
 
-inline void writeWav(const std::string& path, const std::vector<int16_t>& samples, unsigned rate)
+inline void writeWav(const std::string& path, const std::vector<int16_t>& samples, unsigned rate,
+                     unsigned channels = 1)
 {
     SF_INFO info = SF_INFO();
     info.samplerate = static_cast<int>(rate);
-    info.channels = 1;
+    info.channels = static_cast<int>(channels);
     info.format = SF_FORMAT_WAV | SF_FORMAT_PCM_16;
     SNDFILE* file = sf_open(path.c_str(), SFM_WRITE, &info);
     if (!file)

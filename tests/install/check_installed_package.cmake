@@ -43,3 +43,12 @@ run_step(${WORK_DIR}/consumer_pc)
 if(NOT step_output MATCHES "mixed 640 bytes, first sample 3000")
   message(FATAL_ERROR "pkg-config consumer printed: ${step_output}")
 endif()
+
+# The README's receive-path example, against the same installed package.
+run_step(${CMAKE_COMMAND} -S ${SOURCE_DIR}/examples/receive -B ${WORK_DIR}/receive
+         -G ${GENERATOR} -DCMAKE_PREFIX_PATH=${prefix})
+run_step(${CMAKE_COMMAND} --build ${WORK_DIR}/receive)
+run_step(${WORK_DIR}/receive/receive)
+if(NOT step_output MATCHES "received [1-9][0-9]* packets, played [1-9][0-9]*")
+  message(FATAL_ERROR "receive example printed: ${step_output}")
+endif()
