@@ -7,6 +7,8 @@
 #include "sonrapacket.h"
 #include "sonrareceivernode.h"
 
+#include "benchratio.h"
+
 #include <benchmark/benchmark.h>
 #include <boost/make_shared.hpp>
 #include <opus.h>
@@ -144,43 +146,6 @@ void BM_ReceiverNode(benchmark::State& state)
 }
 BENCHMARK(BM_ReceiverNode);
 
-const char* const REFERENCE = "BM_BareOpusDecode";
-
-// The console table, then every benchmark's CPU time per iteration as a
-// ratio to the bare decode's (the median when repetitions are asked for).
-class RatioReporter : public benchmark::ConsoleReporter {
-public:
-    RatioReporter() : ConsoleReporter(isatty(fileno(stdout)) ? OO_ColorTabular : OO_Tabular) {}
-
-    void ReportRuns(const std::vector<Run>& runs) override
-    {
-        ConsoleReporter::ReportRuns(runs);
-        for (const Run& run : runs) {
-            const bool single = run.run_type == Run::RT_Iteration && run.repetitions <= 1;
-            const bool median = run.run_type == Run::RT_Aggregate && run.aggregate_name == "median";
-            if (single || median)
-                m_cpuTimes.push_back(std::make_pair(run.run_name.function_name, run.GetAdjustedCPUTime()));
-        }
-    }
-    void Finalize() override
-    {
-        ConsoleReporter::Finalize();
-        double reference = 0;
-        for (const auto& time : m_cpuTimes) {
-            if (time.first == REFERENCE)
-                reference = time.second;
-        }
-        if (reference <= 0)
-            return;
-        std::printf("\nCPU time as a ratio to one bare opus_decode of 20 ms at 16 kHz:\n");
-        for (const auto& time : m_cpuTimes)
-            std::printf("  %-28s %8.4f\n", time.first.c_str(), time.second / reference);
-    }
-
-private:
-    std::vector<std::pair<std::string, double> > m_cpuTimes;
-};
-
 } // namespace
 
 int main(int argc, char** argv)
@@ -188,7 +153,7 @@ int main(int argc, char** argv)
     benchmark::Initialize(&argc, argv);
     if (benchmark::ReportUnrecognizedArguments(argc, argv))
         return 1;
-    RatioReporter reporter;
+    RatioReporter reporter("BM_BareOpusDecode", "one bare opus_decode of 20 ms at 16 kHz");
     benchmark::RunSpecifiedBenchmarks(&reporter);
     benchmark::Shutdown();
     return 0;

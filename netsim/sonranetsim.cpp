@@ -45,6 +45,11 @@ void connectCodec(const Config& config, Path& path)
     if (config.codec == Codec::Opus) {
         auto encoder = boost::make_shared<SonraOpusEncNode>(path.io, frameDuration, rate);
         auto decoder = boost::make_shared<SonraOpusDecNode>(path.io, frameDuration, rate);
+        decoder->setConcealment(config.concealment);
+        if (config.fecLoss > 0) {
+            encoder->setInbandFec(config.fecLoss);
+            decoder->setFecRecovery(true);
+        }
         path.pipe->connect(path.source, encoder);
         path.pipe->connect(encoder, path.sender);
         path.pipe->connect(path.receiver, decoder);
@@ -169,6 +174,8 @@ Result simulate(const std::vector<int16_t>& input, const Config& config)
     path.sender->setSendHandler([&link](Frame packet) { link.send(packet); });
 
     Result result;
+    // A decoder that waits for each packet's successor plays it a frame late.
+    result.outputLag = config.codec == Codec::Opus && config.fecLoss > 0 ? 1 : 0;
     const unsigned drain = drainFrames(config);
     unsigned quietFrames = 0;
     for (unsigned frame = 0; frame < inputFrames || link.inFlight() || quietFrames < drain; ++frame) {

@@ -1,5 +1,7 @@
 #include "sonranetsimreport.h"
 
+#include "sonranetsimquality.h"
+
 #include <algorithm>
 #include <cmath>
 #include <iomanip>
@@ -109,6 +111,18 @@ void measureDelays(const std::vector<PacketRecord>& packets, Summary& summary)
     summary.p95Delay = percentile(delays, 0.95);
 }
 
+// Copies the output that graph frame `f` led to (its decoder may give it
+// a frame or more later) to aligned[at...]; silence past the end.
+void placeOutput(const Result& result, std::size_t f, std::size_t frameSamples, std::vector<int16_t>& aligned,
+                 std::size_t at)
+{
+    const std::size_t from = (f + result.outputLag) * frameSamples;
+    if (from + frameSamples <= result.output.size())
+        std::copy(result.output.begin() + from, result.output.begin() + from + frameSamples, aligned.begin() + at);
+    else
+        std::fill(aligned.begin() + at, aligned.begin() + at + frameSamples, int16_t(0));
+}
+
 // Every played frame put back where its packet's input was: the codec's
 // own delay is then the one lag left to find.
 std::vector<int16_t> alignPlayedFrames(const Result& result, std::size_t inputFrames, unsigned sampleRate,
@@ -118,10 +132,34 @@ std::vector<int16_t> alignPlayedFrames(const Result& result, std::size_t inputFr
     for (std::size_t f = 0; f < result.frames.size(); ++f) {
         const FrameRecord& frame = result.frames[f];
         const std::size_t at = static_cast<std::size_t>(frame.timeStamp) * sampleRate / 1000;
-        if (!frame.played || at + frameSamples > aligned.size())
-            continue;
-        std::copy(result.output.begin() + f * frameSamples, result.output.begin() + (f + 1) * frameSamples,
-                  aligned.begin() + at);
+        if (frame.played && at + frameSamples <= aligned.size())
+            placeOutput(result, f, frameSamples, aligned, at);
+    }
+    return aligned;
+}
+
+// What was heard in the place of each packet's input: the played frames
+// as above, and every other frame (concealment, or silence) in the place
+// after the frame before it, unless a played frame holds that place. So a
+// lost packet's place holds what the listener heard instead of it.
+std::vector<int16_t> alignHeardFrames(const Result& result, std::size_t inputFrames, unsigned sampleRate,
+                                      std::size_t frameSamples)
+{
+    std::vector<int16_t> aligned = alignPlayedFrames(result, inputFrames, sampleRate, frameSamples);
+    std::vector<bool> held(aligned.size() / frameSamples, false);
+    for (const FrameRecord& frame : result.frames) {
+        const std::size_t at = static_cast<std::size_t>(frame.timeStamp) * sampleRate / 1000;
+        if (frame.played && at / frameSamples < held.size())
+            held[at / frameSamples] = true;
+    }
+    std::size_t next = aligned.size(); // sample where an unplayed frame goes; none before the first play
+    for (std::size_t f = 0; f < result.frames.size(); ++f) {
+        const FrameRecord& frame = result.frames[f];
+        if (frame.played)
+            next = static_cast<std::size_t>(frame.timeStamp) * sampleRate / 1000;
+        else if (next + frameSamples <= aligned.size() && !held[next / frameSamples])
+            placeOutput(result, f, frameSamples, aligned, next);
+        next += frameSamples;
     }
     return aligned;
 }
@@ -141,6 +179,11 @@ void measureSnr(const std::vector<int16_t>& input, unsigned sampleRate, std::siz
     summary.fixedLag = static_cast<int>(
         bestLag(input, result.output, std::max(0L, typicalLag - frame), typicalLag + frame, span));
     summary.fixedLagSnr = snrAtLag(input, result.output, summary.fixedLag);
+
+    const SpectralDistance distance = logSpectralDistance(
+        input, alignHeardFrames(result, inputFrames, sampleRate, frameSamples), summary.codecDelay, sampleRate);
+    summary.spectralDistance = distance.mean;
+    summary.spectralFrames = distance.frames;
 }
 
 } // namespace

@@ -49,12 +49,16 @@ struct Summary {
     double snr = 0;                // dB, every played frame set against the input it carries
     double fixedLagSnr = 0;        // dB, the output as heard, at its single best lag
     int fixedLag = 0;              // samples
+    double spectralDistance = 0;   // dB, mean log-spectral distance per 20 ms frame of speech, what
+                                   // was sent against what was heard in its place (lower is better)
+    unsigned spectralFrames = 0;   // 20 ms frames of speech judged
 };
 
 struct Result {
     std::vector<int16_t> output; // the mixer's output, one graph frame after another
     std::vector<PacketRecord> packets; // by sequence number, packets[0] is number 1
     std::vector<FrameRecord> frames;
+    unsigned outputLag = 0;      // graph frames the output trails the frame records
     Summary summary;
 };
 

@@ -3,17 +3,9 @@
 #define SONRA_DEVICEUTIL_H
 
 #include "sonrauniversaldev.h"
-
-#include <gtest/gtest.h>
-
-#include <boost/make_shared.hpp>
+#include "testutil.h"
 
 #include <sndfile.h>
-#include <unistd.h>
-
-#include <cstdint>
-#include <string>
-#include <vector>
 
 namespace sonratest {
 
@@ -63,12 +55,6 @@ struct FakeBuilder : ombrel::SonraDeviceBuilder {
     bool lastCapture = true;
     unsigned lastSampleRate = 0;
 };
-
-// A file name in the test's temporary folder, unique to this process.
-inline std::string tempPath(const std::string& name)
-{
-    return ::testing::TempDir() + "sonra_" + std::to_string(::getpid()) + "_" + name;
-}
 
 // 16-bit PCM WAV through libsndfile; false when it cannot.
 inline bool writeWav(const std::string& path, const std::vector<int16_t>& samples, int sampleRate, int channels)

@@ -1,8 +1,6 @@
 // The duration scaler splits long frames and gathers short ones, cycle by cycle.
 #include "sonradurationscalernode.h"
-#include "signalutil.h"
-
-#include <gtest/gtest.h>
+#include "testutil.h"
 
 #include <numeric>
 
@@ -11,28 +9,32 @@ using namespace sonratest;
 
 namespace {
 
-const unsigned RATE = 16000; // Hz
 const Frame NONE;
-typedef std::vector<std::vector<int16_t> > Outputs;
+typedef std::vector<Samples> Outputs;
 
 struct ScalerGraph : NodeGraph<SonraDurationScalerNode> {
     ScalerGraph(unsigned inMs, unsigned outMs, unsigned channels = 1)
-        : NodeGraph(boost::make_shared<SonraDurationScalerNode>(ioService(), inMs, outMs, 20, RATE), RATE, channels) {}
-
+        : NodeGraph(make(inMs, outMs, channels), channels) {}
+    static boost::shared_ptr<SonraDurationScalerNode> make(unsigned inMs, unsigned outMs, unsigned channels)
+    {
+        auto node = boost::make_shared<SonraDurationScalerNode>(ioService(), inMs, outMs, 20, 16000);
+        node->setOutputChannels(channels);
+        return node;
+    }
     // The samples out of each cycle (none for no frame) as `inputs` go in.
     Outputs feed(const std::vector<Frame>& inputs)
     {
         Outputs outputs;
         for (const Frame& in : inputs)
-            outputs.push_back(samplesOf(run(in)));
+            outputs.push_back(samplesOf(step(in)));
         return outputs;
     }
 };
 
 // first, first + 1, ... then `zeros` of silence: each piece shows its origin.
-std::vector<int16_t> ramp(std::size_t count, int first = 1, std::size_t zeros = 0)
+Samples ramp(std::size_t count, int first = 1, std::size_t zeros = 0)
 {
-    std::vector<int16_t> samples(count + zeros, 0);
+    Samples samples(count + zeros, 0);
     std::iota(samples.begin(), samples.begin() + count, static_cast<int16_t>(first));
     return samples;
 }
@@ -49,8 +51,8 @@ TEST(DurationScaler, SplitsGathersAndCopies)
     for (std::size_t ch = 1; ch <= 2; ++ch) {
         const std::size_t piece = 320 * ch;
         ScalerGraph split(60, 20, ch), gather(20, 60, ch);
-        EXPECT_EQ(split.feed({NONE, frameOf(ramp(3 * piece)), boost::make_shared<std::vector<char> >(),
-                              frameOf(ramp(3 * piece, 9000)), NONE, frameOf(ramp(3 * piece, 2000))}),
+        EXPECT_EQ(split.feed({NONE, frameOf(ramp(3 * piece)), bytesFrame(Bytes()), frameOf(ramp(3 * piece, 9000)), NONE,
+                              frameOf(ramp(3 * piece, 2000))}),
                   (Outputs{{}, ramp(piece), ramp(piece, 1 + piece), ramp(piece, 1 + 2 * piece), {}, ramp(piece, 2000)}));
         EXPECT_EQ(gather.feed({frameOf(ramp(piece)), NONE, frameOf(ramp(piece, 1 + piece)),
                                frameOf(ramp(piece, 1 + 2 * piece)), frameOf(ramp(piece, 7))}),
@@ -58,9 +60,9 @@ TEST(DurationScaler, SplitsGathersAndCopies)
     }
     ScalerGraph equal(20, 20);
     const Frame in = frameOf(ramp(320));
-    const Frame out = equal.run(in);
+    const Frame out = equal.step(in);
     EXPECT_TRUE(out && out != in && *out == *in);
-    EXPECT_FALSE(equal.run());
+    EXPECT_FALSE(equal.step());
 }
 
 // Frames that break the node's assumptions are cut or padded, never copied
@@ -70,14 +72,13 @@ TEST(DurationScaler, SplitsGathersAndCopies)
 TEST(DurationScaler, FramesOfTheWrongSizeStayInsideTheBuffers)
 {
     ScalerGraph gather(20, 60), split(60, 20), uneven(50, 20), unevenGather(20, 50);
-    EXPECT_EQ(gather.feed({frameOf(ramp(320)), frameOf(ramp(1000, 321)), frameOf(ramp(320))}),
-              (Outputs{{}, ramp(960), {}}));
+    EXPECT_EQ(gather.feed({frameOf(ramp(320)), frameOf(ramp(1000, 321)), frameOf(ramp(320))}), (Outputs{{}, ramp(960), {}}));
     EXPECT_EQ(split.feed({frameOf(ramp(2000)), NONE, NONE, frameOf(ramp(400)), NONE, NONE}),
               (Outputs{ramp(320), ramp(320, 321), ramp(320, 641), ramp(320), ramp(80, 321, 240), ramp(0, 1, 320)}));
-    EXPECT_EQ(samplesOf(split.run(boost::make_shared<std::vector<char> >(3, '\x7f'))).size(), 320u);
+    EXPECT_EQ(320u, samplesOf(split.step(bytesFrame(std::vector<char>(3, '\x7f')))).size());
     EXPECT_EQ(uneven.feed({frameOf(ramp(800)), NONE, NONE, NONE}),
               (Outputs{ramp(320), ramp(320, 321), ramp(160, 641, 160), {}}));
-    EXPECT_EQ(unevenGather.runAll(ramp(960), 320), ramp(800));
+    EXPECT_EQ(ramp(800), unevenGather.runInPieces(ramp(960), {320}));
 }
 
 // Reset drops a gathered part; a split in progress hands out silence for the
@@ -87,25 +88,24 @@ TEST(DurationScaler, ResetAndChannelChangeStartOver)
 {
     ScalerGraph gather(20, 60), split(60, 20), restarted(60, 20), stereo(60, 20), none(60, 20);
     for (ScalerGraph* graph : {&gather, &split, &restarted, &stereo, &none})
-        graph->run(frameOf(ramp(graph == &gather ? 320 : 960)));
+        graph->step(frameOf(ramp(graph == &gather ? 320 : 960)));
     for (ScalerGraph* graph : {&gather, &split, &restarted})
         graph->pipe->reset(0);
     stereo.node->setOutputChannels(2);
     none.node->setOutputChannels(0);
-    EXPECT_EQ(gather.runAll(ramp(960), 320), ramp(960));
+    EXPECT_EQ(ramp(960), gather.runInPieces(ramp(960), {320}));
     EXPECT_EQ(split.feed({NONE, NONE, NONE, NONE}), (Outputs{ramp(0, 1, 320), ramp(0, 1, 320), ramp(0, 1, 320), {}}));
     EXPECT_EQ(restarted.feed({frameOf(ramp(960, 3000))}), Outputs{ramp(320, 3000)});
-    EXPECT_EQ(samplesOf(stereo.run()), ramp(0, 1, 640));
-    const Frame empty = none.run(frameOf(ramp(960)));
+    EXPECT_EQ(ramp(0, 1, 640), samplesOf(stereo.step()));
+    const Frame empty = none.step(frameOf(ramp(960)));
     EXPECT_TRUE(empty && empty->empty());
-    EXPECT_FALSE(none.run(frameOf(ramp(960))));
+    EXPECT_FALSE(none.step(frameOf(ramp(960))));
 }
 
 TEST(DurationScalerDeathTest, GraphDurationMustBeTheShorterOne)
 {
-    EXPECT_DEATH(SonraDurationScalerNode(ioService(), 60, 20, 60, RATE),
-                 "Assertion \"graphFrameDuration==outFrameDuration\" failed in function \"SonraDurationScalerNode\" "
-                 "of \"multimedia/audio2/audio2components/src/sonradurationscalernode");
-    EXPECT_DEATH(SonraDurationScalerNode(ioService(), 20, 60, 60, RATE),
-                 "Assertion \"graphFrameDuration==inFrameDuration\" failed in function \"SonraDurationScalerNode\"");
+    EXPECT_DEATH(SonraDurationScalerNode(ioService(), 60, 20, 60, 16000),
+                 assertion("graphFrameDuration==outFrameDuration", "SonraDurationScalerNode", "sonradurationscalernode"));
+    EXPECT_DEATH(SonraDurationScalerNode(ioService(), 20, 60, 60, 16000),
+                 assertion("graphFrameDuration==inFrameDuration", "SonraDurationScalerNode", "sonradurationscalernode"));
 }

@@ -1,20 +1,19 @@
 // The effect nodes: mono-to-stereo (Haas delay), reverb (one feed-forward echo) and voice change
 // (SoundTouch pitch shift), judged against sox and against SoundTouch itself.
-#include "effectsutil.h"
 #include "sonramonotostereonode.h"
 #include "sonrareverbnode.h"
 #include "sonravoicechangenode.h"
+#include "testutil.h"
 
 #include <SoundTouch.h>
 
-#include <cmath>
 #include <stdexcept>
 
 using namespace ombrel;
-using namespace effectstest;
-using sonratest::frameOf;
-using sonratest::ioService;
+using namespace sonratest;
 using VC = SonraVoiceChangeNode;
+using Stereo = NodeGraph<SonraMonoToStereoNode>;
+using Reverb = NodeGraph<SonraReverbNode>;
 
 namespace {
 
@@ -29,12 +28,7 @@ Samples echoed(const Samples& in, std::size_t delay, float decay)
     return out;
 }
 
-Samples delayed(const Samples& in, std::size_t delay)
-{
-    Samples out(delay, 0);
-    append(out, slice(in, 0, in.size() - delay));
-    return out;
-}
+Samples delayed(const Samples& in, std::size_t delay) { return concat(Samples(delay, 0), slice(in, 0, in.size() - delay)); }
 
 Samples impulse(std::size_t count, std::size_t at, int16_t value)
 {
@@ -43,7 +37,7 @@ Samples impulse(std::size_t count, std::size_t at, int16_t value)
     return samples;
 }
 
-Samples right(const Frame& stereo) { return channel(sonratest::samplesOf(stereo), 2, 1); }
+Samples right(const Frame& stereo) { return channel(samplesOf(stereo), 2, 1); }
 
 boost::shared_ptr<SonraMonoToStereoNode> monoToStereo(unsigned sampleRate, int32_t delayMs)
 {
@@ -60,27 +54,25 @@ boost::shared_ptr<SonraReverbNode> reverb(unsigned sampleRate, unsigned frameDur
 
 } // namespace
 
-TEST(MonoToStereo, OutputIsTwiceTheInputWhateverTheChannelCount)
+// Twice the input whatever the channel count (an odd byte is no sample); an
+// impulse comes out delayed across frame borders, and a gap keeps time.
+TEST(MonoToStereo, SizesAndAnImpulseAcrossFramesAndGaps)
 {
-    EXPECT_EQ((Samples{1, 1, 2, 2, 3, 3}), Rig<SonraMonoToStereoNode>(monoToStereo(16000, 0)).run({1, 2, 3}));
-    auto node = monoToStereo(16000, 5);
-    node->setOutputChannels(3);
-    Rig<SonraMonoToStereoNode> rig(node);
-    EXPECT_EQ(1280u, rig.step(noise(320, 1))->size());
-    EXPECT_EQ(4u, rig.step(boost::make_shared<std::vector<char> >(3, 'x'))->size()); // an odd byte is no sample
-    EXPECT_EQ(0u, rig.step(boost::make_shared<std::vector<char> >(1, 'x'))->size());
-}
+    EXPECT_EQ((Samples{1, 1, 2, 2, 3, 3}), Stereo(monoToStereo(16000, 0)).run({1, 2, 3}));
+    auto three = monoToStereo(16000, 5);
+    three->setOutputChannels(3);
+    Stereo sizes(three);
+    for (const auto& bytesIn : {std::make_pair(640, 1280u), {3, 4u}, {1, 0u}})
+        EXPECT_EQ(bytesIn.second, sizes.step(bytesFrame(std::vector<char>(bytesIn.first, 'x')))->size());
 
-TEST(MonoToStereo, ImpulseComesOutDelayedAcrossFrameBordersAndGapsKeepTime)
-{
-    Rig<SonraMonoToStereoNode> rig(monoToStereo(8000, 30)); // 240 samples, longer than a 160-sample frame
-    Samples out = right(rig.step(impulse(160, 100, 12345)));
+    Stereo rig(monoToStereo(8000, 30)); // 240 samples, longer than a 160-sample frame
+    Samples out = right(rig.step(frameOf(impulse(160, 100, 12345))));
     for (int frame = 0; frame < 3; ++frame)
-        append(out, right(rig.step(Samples(160, 0))));
+        out = concat(out, right(rig.step(frameOf(Samples(160, 0)))));
     EXPECT_EQ(impulse(640, 340, 12345), out);
-    rig.step(impulse(160, 100, -777));
-    EXPECT_FALSE(rig.gap()); // 160 samples of silence go into the delay line
-    EXPECT_EQ(impulse(160, 340 - 320, -777), right(rig.step(Samples(160, 0))));
+    rig.step(frameOf(impulse(160, 100, -777)));
+    EXPECT_FALSE(rig.step()); // 160 samples of silence go into the delay line
+    EXPECT_EQ(impulse(160, 340 - 320, -777), right(rig.step(frameOf(Samples(160, 0)))));
 }
 
 TEST(MonoToStereo, SetHaasEffectResetAndGapsRestartWithSilenceAndUnusableDelaysMeanNone)
@@ -89,108 +81,101 @@ TEST(MonoToStereo, SetHaasEffectResetAndGapsRestartWithSilenceAndUnusableDelaysM
     SonraMonoToStereoNode::DEFAULT_DELAY = 1; // 8 samples at 8 kHz
     auto node = boost::make_shared<SonraMonoToStereoNode>(ioService(), 20, 8000);
     SonraMonoToStereoNode::DEFAULT_DELAY = 0;
-    Rig<SonraMonoToStereoNode> rig(node);
+    Stereo rig(node);
     const Samples first = rig.run(in);
     EXPECT_EQ(in, channel(first, 2, 0));
     EXPECT_EQ(delayed(in, 8), channel(first, 2, 1));
     for (int restart = 0; restart < 2; ++restart) {
-        rig.step(Samples(160, 9999));
-        restart ? (void)rig.gap() : node->reset(1234);
-        EXPECT_EQ(delayed(in, 8), right(rig.step(in)));
+        rig.run(Samples(160, 9999));
+        restart ? (void)rig.step() : node->reset(1234);
+        EXPECT_EQ(delayed(in, 8), right(rig.step(frameOf(in))));
     }
     node->setHaasEffect(2);
-    EXPECT_EQ(delayed(in, 16), right(rig.step(in)));
+    EXPECT_EQ(delayed(in, 16), right(rig.step(frameOf(in))));
     for (const auto& rateAndDelay : {std::make_pair(8000u, 0), {8000u, -5}, {800u, 1}}) { // 800 Hz: 0.8 samples
-        Rig<SonraMonoToStereoNode> other(monoToStereo(rateAndDelay.first, rateAndDelay.second));
-        other.gap();
-        EXPECT_EQ(in, right(other.step(in)));
+        Stereo other(monoToStereo(rateAndDelay.first, rateAndDelay.second));
+        other.step();
+        EXPECT_EQ(in, right(other.step(frameOf(in))));
         other.node->reset(0);
-        EXPECT_EQ(in, right(other.step(in)));
+        EXPECT_EQ(in, right(other.step(frameOf(in))));
     }
 }
 
 TEST(MonoToStereo, MatchesSoxRemixAndDelayForAnyFrameLengths)
 {
     const Samples in = noise(16000, 7);
-    const Samples reference = sox(in, 16000, 1, 2, "remix 1 1 delay 0 160s");
+    const Samples reference = sox(in, 16000, 1, "-c 2 - remix 1 1 delay 0 160s");
     ASSERT_GE(reference.size(), 2 * in.size());
     for (const std::vector<std::size_t>& lengths : {std::vector<std::size_t>{320}, {1, 159, 160, 161, 700, 37}})
-        EXPECT_EQ(slice(reference, 0, 2 * in.size()),
-                  Rig<SonraMonoToStereoNode>(monoToStereo(16000, 10)).runInPieces(in, lengths));
+        EXPECT_EQ(slice(reference, 0, 2 * in.size()), Stereo(monoToStereo(16000, 10)).runInPieces(in, lengths));
 }
 
-TEST(Reverb, DefaultEchoIsSevenMillisecondsAtHalfLevelAndReadByTheConstructor)
+// 7 ms at half level by default, read when a node is made; the echo of an
+// impulse crosses frame borders, and a gap keeps time.
+TEST(Reverb, DefaultEchoAndAnImpulseAcrossFramesAndGaps)
 {
-    EXPECT_EQ(7, SonraReverbNode::DEFAULT_DELAY);
-    EXPECT_EQ(0.5f, SonraReverbNode::DEFAULT_DECAY);
     const Samples in = noise(320, 8);
-    EXPECT_EQ(echoed(in, 112, 0.5f), Rig<SonraReverbNode>(reverb(16000)).run(in));
+    EXPECT_EQ(echoed(in, 112, 0.5f), Reverb(reverb(16000)).run(in));
     SonraReverbNode::DEFAULT_DELAY = 2;
     SonraReverbNode::DEFAULT_DECAY = 0.25f;
     auto node = reverb(8000);
     SonraReverbNode::DEFAULT_DELAY = 7;
     SonraReverbNode::DEFAULT_DECAY = 0.5f;
-    EXPECT_EQ(echoed(slice(in, 0, 160), 16, 0.25f), Rig<SonraReverbNode>(node).run(slice(in, 0, 160)));
-}
+    EXPECT_EQ(echoed(slice(in, 0, 160), 16, 0.25f), Reverb(node).run(slice(in, 0, 160)));
 
-TEST(Reverb, ImpulseResponseCrossesFrameBordersAndGapsKeepTime)
-{
-    Rig<SonraReverbNode> rig(reverb(8000, 5)); // 56-sample echo, 40-sample frames
+    Reverb rig(reverb(8000, 5)); // 56-sample echo, 40-sample frames
     for (const int16_t value : {10001, -10001}) {
         EXPECT_EQ(impulse(40, 30, value), rig.run(impulse(40, 30, value)));
         if (value > 0)
             EXPECT_EQ(Samples(40, 0), rig.run(Samples(40, 0)));
         else
-            EXPECT_FALSE(rig.gap());
+            EXPECT_FALSE(rig.step());
         EXPECT_EQ(impulse(40, 30 + 56 - 80, value / 2 + value % 2), rig.run(Samples(40, 0))); // +-5001
     }
 }
 
 TEST(Reverb, EchoRoundsHalvesAwayFromZeroAndSumsSaturateForAnyDecay)
 {
-    auto node = reverb(8000, 10);
-    Rig<SonraReverbNode> rig(node);
-    node->setParameters(1, 0.5f); // 8 samples
+    Reverb rig(reverb(8000, 10));
+    rig.node->setParameters(1, 0.5f); // 8 samples
     Samples in{1001, -1001, 3, -3, 0, 0, 0, 0, 0, 0, 0, 0, 20000, -20000, 0, 0, 0, 0, 0, 0, 30000, -30000};
     in.resize(80);
     Samples out = rig.run(in);
     EXPECT_EQ((Samples{501, -501, 2, -2}), slice(out, 8, 4));
     EXPECT_EQ((Samples{32767, -32768}), slice(out, 20, 2));
-    // Dry -32768 and 32767 under the echoes of -32768 and 32767.
-    in = {1, -1, -32768, 32767, 0, 0, 0, 0, 0, 0, -32768, 32767};
+    in = {1, -1, -32768, 32767, 0, 0, 0, 0, 0, 0, -32768, 32767}; // dry extremes under the echoes of extremes
     in.resize(80);
     for (float decay : {65535.0f, 1e30f, -1e30f, INFINITY, -INFINITY}) {
-        node->setParameters(1, decay);
+        rig.node->setParameters(1, decay);
         out = rig.run(in);
         const int16_t up = decay > 0 ? 32767 : -32768, down = decay > 0 ? -32768 : 32767;
         EXPECT_EQ((Samples{up, down, down, up}), slice(out, 8, 4)) << decay;
         EXPECT_EQ(0, out[20]) << decay; // a silent echo source stays silent
     }
-    node->setParameters(1, NAN);
+    rig.node->setParameters(1, NAN);
     EXPECT_EQ(in, rig.run(in));
 }
 
 TEST(Reverb, SetParametersAndResetRestartWithSilenceAndUnusableDelaysMeanNoEcho)
 {
-    auto node = reverb(16000);
-    Rig<SonraReverbNode> rig(node);
+    Reverb rig(reverb(16000));
     const Samples in = noise(320, 12);
-    rig.step(Samples(320, 20000));
-    node->reset(99);
+    rig.run(Samples(320, 20000));
+    rig.node->reset(99);
     EXPECT_EQ(echoed(in, 112, 0.5f), rig.run(in));
-    node->setParameters(3, -0.25f); // 48 samples, inverted echo
+    rig.node->setParameters(3, -0.25f); // 48 samples, inverted echo
     EXPECT_EQ(echoed(in, 48, -0.25f), rig.run(in));
-    rig.step(in);
-    node->reset(0);
+    rig.run(in);
+    rig.node->reset(0);
     EXPECT_EQ(echoed(in, 48, -0.25f), rig.run(in));
-    node->setParameters(0, 0.5f);
+    rig.node->setParameters(0, 0.5f);
     const Frame frame = frameOf(in);
     EXPECT_NE(frame.get(), rig.step(frame).get()); // a new frame with the same bytes
-    EXPECT_EQ(in, sonratest::samplesOf(node->outputData()));
+    EXPECT_EQ(in, samplesOf(rig.node->outputData()));
     for (int32_t delay : {-7, 1}) { // 1 ms at 800 Hz is 0.8 samples
-        Rig<SonraReverbNode> other(reverb(800));
+        Reverb other(reverb(800));
         other.node->setParameters(delay, 0.5f);
-        other.gap();
+        other.step();
         EXPECT_EQ(slice(in, 0, 16), other.run(slice(in, 0, 16))) << delay;
         other.node->reset(0);
         EXPECT_EQ(slice(in, 0, 16), other.run(slice(in, 0, 16))) << delay;
@@ -200,10 +185,10 @@ TEST(Reverb, SetParametersAndResetRestartWithSilenceAndUnusableDelaysMeanNoEcho)
 TEST(Reverb, MatchesSoxEchoExceptWhereSoxRoundsNegativeHalvesUp)
 {
     const Samples in = noise(16000, 14, 30000);
-    const Samples reference = sox(in, 16000, 1, 1, "echo 1 1 7 0.5"); // rounds half up, exact otherwise
+    const Samples reference = sox(in, 16000, 1, "-c 1 - echo 1 1 7 0.5"); // rounds half up, exact otherwise
     ASSERT_GE(reference.size(), in.size());
     for (const std::vector<std::size_t>& lengths : {std::vector<std::size_t>{320}, {1, 111, 112, 113, 500, 29}}) {
-        const Samples out = Rig<SonraReverbNode>(reverb(16000)).runInPieces(in, lengths);
+        const Samples out = Reverb(reverb(16000)).runInPieces(in, lengths);
         ASSERT_EQ(in.size(), out.size());
         std::size_t differences = 0;
         for (std::size_t k = 0; k < in.size(); ++k) {
@@ -220,40 +205,54 @@ TEST(ReverbDeathTest, StereoIsRefused)
 {
     auto node = reverb(16000);
     node->setOutputChannels(2);
-    Rig<SonraReverbNode> rig(node);
-    EXPECT_DEATH(rig.step(noise(320, 15)), "outputChannels\\(\\)==1");
+    Reverb rig(node);
+    EXPECT_DEATH(rig.run(noise(320, 15)), "outputChannels\\(\\)==1");
 }
 
 namespace {
 
 const unsigned TONE = 300; // Hz
-// Within 1%: the scan resolves about 2 Hz over half a second, and SoundTouch's splicing moves the
-// peak by a few tenths of a Hz.
-const double PITCH_TOLERANCE = 0.01;
 
 boost::shared_ptr<VC> voiceChange(VC::Voice voice, unsigned channels = 1, unsigned sampleRate = 16000)
 {
     auto node = boost::make_shared<VC>(ioService(), 20, sampleRate, true);
-    if (channels != 1)
-        node->setOutputChannels(channels);
+    node->setOutputChannels(channels);
     node->setVoiceType(voice);
     return node;
 }
 
-// A one-second tone comes out at `factor` times its pitch over its last half second, well after the
-// start-up latency, with most of its level and (if shifted) without the original.
+// The strongest frequency in [low, high]: a Goertzel scan in 1 Hz steps, then
+// in 0.1 Hz steps around the best of them.
+double dominantFrequency(const Samples& samples, unsigned sampleRate, double low, double high)
+{
+    const auto strongest = [&](double from, double to, double step) {
+        double best = from, bestAmplitude = -1;
+        for (double frequency = from; frequency <= to; frequency += step) {
+            const double amplitude = toneAmplitude(samples, frequency, sampleRate);
+            if (amplitude > bestAmplitude)
+                bestAmplitude = amplitude, best = frequency;
+        }
+        return best;
+    };
+    const double coarse = strongest(low, high, 1.0);
+    return strongest(coarse - 1.0, coarse + 1.0, 0.1);
+}
+
+// A one-second tone comes out at `factor` times its pitch (within 1%: the
+// scan resolves about 2 Hz, SoundTouch's splicing moves the peak a little)
+// over its last half second, with most of its level and, if shifted,
+// without the original.
 void expectPitch(const boost::shared_ptr<VC>& node, double factor, unsigned sampleRate = 16000)
 {
-    const Samples tone = sonratest::sine(TONE, sampleRate, sampleRate);
-    const Samples out = Rig<VC>(node).runInPieces(tone, {sampleRate / 50});
+    const Samples tone = sine(TONE, sampleRate, sampleRate);
+    const Samples out = NodeGraph<VC>(node).runInPieces(tone, {sampleRate / 50});
     ASSERT_EQ(tone.size(), out.size());
     const Samples settled = slice(out, sampleRate / 2, sampleRate / 2);
-    EXPECT_NEAR(TONE * factor, dominantFrequency(settled, sampleRate, 100, 1000), TONE * factor * PITCH_TOLERANCE)
+    EXPECT_NEAR(TONE * factor, dominantFrequency(settled, sampleRate, 100, 1000), TONE * factor * 0.01)
         << "factor " << factor << " at " << sampleRate << " Hz";
-    EXPECT_GT(sonratest::rms(settled), 0.5 * sonratest::rms(tone));
+    EXPECT_GT(rms(settled), 0.5 * rms(tone));
     if (factor != 1.0) {
-        EXPECT_LT(sonratest::toneAmplitude(settled, TONE, sampleRate),
-                  0.1 * sonratest::toneAmplitude(settled, TONE * factor, sampleRate));
+        EXPECT_LT(toneAmplitude(settled, TONE, sampleRate), 0.1 * toneAmplitude(settled, TONE * factor, sampleRate));
     }
 }
 
@@ -261,34 +260,30 @@ void expectPitch(const boost::shared_ptr<VC>& node, double factor, unsigned samp
 
 TEST(VoiceChange, FlagFalseAndNormalVoicePassTheSameFrameBuffer)
 {
-    const Frame in = frameOf(sonratest::sine(TONE, 16000, 320));
+    const Frame in = frameOf(sine(TONE, 16000, 320));
     auto off = boost::make_shared<VC>(ioService(), 20, 16000, false);
     off->setVoiceType(VC::HIGHER);
     EXPECT_EQ(VC::NORMAL, off->voiceType());
-    Rig<VC> offRig(off);
+    NodeGraph<VC> offRig(off), rig(voiceChange(VC::NORMAL)), unknown(voiceChange(VC::Voice(7)));
     EXPECT_EQ(in.get(), offRig.step(in).get());
-    EXPECT_FALSE(offRig.gap());
-    EXPECT_FALSE(offRig.step(boost::make_shared<std::vector<char> >()));
-    Rig<VC> rig(voiceChange(VC::NORMAL));
+    EXPECT_FALSE(offRig.step() || offRig.step(bytesFrame(Bytes())));
     EXPECT_EQ(in.get(), rig.step(in).get());
     rig.node->setVoiceType(VC::LOWER);
     rig.node->setVoiceType(VC::NORMAL);
     EXPECT_EQ(in.get(), rig.step(in).get());
-    EXPECT_FALSE(rig.gap());
-    Rig<VC> unknown(voiceChange(VC::Voice(7))); // goes through the shifter, at normal pitch
-    EXPECT_NE(in.get(), unknown.step(in).get());
+    EXPECT_FALSE(rig.step());
+    EXPECT_NE(in.get(), unknown.step(in).get()); // through the shifter, at normal pitch
 }
 
 TEST(VoiceChange, EachVoiceShiftsAToneByItsFactor)
 {
-    EXPECT_EQ(1.0f, VC::PITCH_NORMAL);
+    EXPECT_EQ((std::vector<float>{1.0f, 0.79f, 0.7f, 1.3f, 1.8f}),
+              (std::vector<float>{VC::PITCH_NORMAL, VC::PITCH_LOWER, VC::PITCH_LOWEST, VC::PITCH_HIGHER, VC::PITCH_HIGHEST}));
     const std::pair<VC::Voice, float> voices[] = {
         {VC::LOWER, 0.79f}, {VC::LOWEST, 0.7f}, {VC::HIGHER, 1.3f}, {VC::HIGHEST, 1.8f}, {VC::Voice(7), 1.0f}};
     for (unsigned sampleRate : {16000u, 48000u})
         for (const auto& voice : voices)
             expectPitch(voiceChange(voice.first, 1, sampleRate), voice.second, sampleRate);
-    EXPECT_EQ((std::vector<float>{0.79f, 0.7f, 1.3f, 1.8f}),
-              (std::vector<float>{VC::PITCH_LOWER, VC::PITCH_LOWEST, VC::PITCH_HIGHER, VC::PITCH_HIGHEST}));
     VC::PITCH_HIGHER = 1.5f; // read when the voice is set
     auto higher = voiceChange(VC::HIGHER);
     VC::PITCH_HIGHER = 1.3f;
@@ -302,12 +297,13 @@ TEST(VoiceChange, EachVoiceShiftsAToneByItsFactor)
     expectPitch(unusable, 1.0);
 }
 
+// The same SoundTouch fed the same data as floats in one call per frame; the
+// node gives that x 32768, rounded half away from zero and saturated, with
+// silence where SoundTouch had nothing.
 TEST(VoiceChange, OutputIsSoundTouchItselfConvertedAtTheBoundary)
 {
-    // The same SoundTouch fed the same data as floats in one call per frame; the node gives that
-    // x 32768, rounded half away from zero and saturated, with silence where SoundTouch had nothing.
     for (unsigned channels : {1u, 2u}) {
-        Rig<VC> rig(voiceChange(VC::LOWEST, channels), channels);
+        NodeGraph<VC> rig(voiceChange(VC::LOWEST, channels), channels);
         soundtouch::SoundTouch reference;
         reference.setSampleRate(16000);
         reference.setChannels(channels);
@@ -333,30 +329,30 @@ TEST(VoiceChange, OutputIsSoundTouchItselfConvertedAtTheBoundary)
 
 TEST(VoiceChange, ResetDropsWhatTheShifterHoldsButANormalBypassKeepsIt)
 {
-    Rig<VC> rig(voiceChange(VC::HIGHEST));
+    NodeGraph<VC> rig(voiceChange(VC::HIGHEST));
     const Samples loud(320, 20000), silence(320, 0);
     for (int frame = 0; frame < 20; ++frame)
-        rig.step(loud);
+        rig.run(loud);
     rig.node->reset(0);
     for (int frame = 0; frame < 20; ++frame)
         EXPECT_EQ(silence, rig.run(silence)) << frame;
     for (int frame = 0; frame < 10; ++frame)
-        rig.step(loud);
+        rig.run(loud);
     rig.node->setVoiceType(VC::NORMAL);
-    rig.step(silence);
+    rig.run(silence);
     rig.node->setVoiceType(VC::HIGHEST);
-    EXPECT_GT(sonratest::rms(rig.run(silence)), 1000.0);
+    EXPECT_GT(rms(rig.run(silence)), 1000.0);
 }
 
 TEST(VoiceChange, ShortFramesAndChannelCountsSoundTouchRefusesStaySafe)
 {
-    Rig<VC> stereo(voiceChange(VC::LOWER, 2), 2);
+    NodeGraph<VC> stereo(voiceChange(VC::LOWER, 2), 2);
     for (std::size_t bytes : {1u, 3u, 4u, 5u, 100u, 1279u, 1280u, 4000u})
-        EXPECT_EQ(1280u, stereo.step(boost::make_shared<std::vector<char> >(bytes, char(0x11)))->size()) << bytes;
+        EXPECT_EQ(1280u, stereo.step(bytesFrame(std::vector<char>(bytes, 0x11)))->size()) << bytes;
     auto node = voiceChange(VC::HIGHER);
     EXPECT_THROW(node->setOutputChannels(0), std::runtime_error);
     EXPECT_THROW(node->setOutputChannels(17), std::runtime_error);
-    Rig<VC> rig(node);
+    NodeGraph<VC> rig(node);
     for (int frame = 0; frame < 10; ++frame)
-        EXPECT_EQ(17u * 640, rig.step(sonratest::sine(TONE, 16000, 320 * 17))->size());
+        EXPECT_EQ(17u * 640, rig.step(frameOf(sine(TONE, 16000, 320 * 17)))->size());
 }

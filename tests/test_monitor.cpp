@@ -3,39 +3,16 @@
 // libsndfile judge it.
 #include "deviceutil.h"
 
-#include <gtest/gtest.h>
-
-#include <algorithm>
 #include <chrono>
-#include <cstdio>
-#include <fstream>
 #include <iterator>
-#include <string>
-#include <sys/wait.h>
+
+using namespace sonratest;
 
 namespace {
 
 const std::string TOOL = std::string(SONRA_BINARY_DIR) + "/tools/sonra-monitor";
 
-struct Result {
-    int exitCode = -1;
-    std::string output; // stdout and stderr
-    double seconds = 0;
-};
-
-Result run(const std::string& command)
-{
-    Result result;
-    const auto started = std::chrono::steady_clock::now();
-    FILE* pipe = ::popen((command + " 2>&1").c_str(), "r");
-    char buffer[4096];
-    for (std::size_t n; pipe && (n = std::fread(buffer, 1, sizeof buffer, pipe)) > 0;)
-        result.output.append(buffer, n);
-    const int status = pipe ? ::pclose(pipe) : -1;
-    result.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    result.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
-    return result;
-}
+Command run(const std::string& command) { return shell(command + " 2>&1"); }
 
 class Monitor : public ::testing::Test {
 protected:
@@ -50,19 +27,21 @@ protected:
 
 TEST_F(Monitor, TurnsASoundFileIntoTheWavItPlayed)
 {
-    const std::string in = sonratest::tempPath("monitor_in.wav"), out = sonratest::tempPath("monitor_out.wav");
+    const std::string in = tempPath("monitor_in.wav"), out = tempPath("monitor_out.wav");
     // 1 s of a tone above zero everywhere, so that any gap would show.
     ASSERT_EQ(0, run("sox -n -r 16000 -c 1 -b 16 " + in + " synth 1 sine 440 vol 0.3 dcshift 0.4").exitCode)
         << "sox is needed (scripts/bootstrap installs it)";
-    const auto input = sonratest::readWav(in).samples;
+    const auto input = readWav(in).samples;
     ASSERT_EQ(16000u, input.size());
     ASSERT_EQ(input.end(), std::find(input.begin(), input.end(), 0));
 
-    const Result monitor = run(TOOL + " --capture virtual:" + in + " --playback virtual:" + out + " --seconds 1.5 --volume 1");
+    const auto started = std::chrono::steady_clock::now();
+    const Command monitor = run(TOOL + " --capture virtual:" + in + " --playback virtual:" + out + " --seconds 1.5 --volume 1");
+    const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
     ASSERT_EQ(0, monitor.exitCode) << monitor.output;
-    EXPECT_GT(monitor.seconds, 1.4);
-    EXPECT_LT(monitor.seconds, 10.0);
-    const Result soxi = run("soxi " + out);
+    EXPECT_GT(seconds, 1.4);
+    EXPECT_LT(seconds, 10.0);
+    const Command soxi = run("soxi " + out);
     ASSERT_EQ(0, soxi.exitCode) << soxi.output;
     for (const char* line : {"Sample Rate    : 16000", "Channels       : 1", "Precision      : 16-bit"})
         EXPECT_NE(std::string::npos, soxi.output.find(line)) << soxi.output;
@@ -70,7 +49,7 @@ TEST_F(Monitor, TurnsASoundFileIntoTheWavItPlayed)
     // Whole blocks of silence (played before the graph's first frame), then
     // the file looping sample for sample; a late frame on a busy machine
     // plays silence, so later zeros are skipped.
-    const auto played = sonratest::readWav(out).samples;
+    const auto played = readWav(out).samples;
     EXPECT_GT(played.size(), 16000 * 1.2);
     EXPECT_LT(played.size(), 16000 * 3.0);
     const std::size_t delay = std::find_if(played.begin(), played.end(), [](int16_t s) { return s != 0; }) - played.begin();
@@ -88,7 +67,7 @@ TEST_F(Monitor, TurnsASoundFileIntoTheWavItPlayed)
 
 TEST_F(Monitor, ListsTheDevicesAndSaysClearlyWhatIsWrong)
 {
-    const Result list = run(TOOL + " --list");
+    const Command list = run(TOOL + " --list");
     ASSERT_EQ(0, list.exitCode) << list.output;
     EXPECT_EQ(0u, list.output.find("Capture devices:\n  \"virtual\"")) << list.output;
     EXPECT_NE(std::string::npos, list.output.find("Playback devices:\n  \"virtual\"")) << list.output;
@@ -103,7 +82,7 @@ TEST_F(Monitor, ListsTheDevicesAndSaysClearlyWhatIsWrong)
         {" --volume loud", 2, "--volume wants a number"},
     };
     for (const auto& e : errors) {
-        const Result r = run(TOOL + e.arguments);
+        const Command r = run(TOOL + e.arguments);
         EXPECT_EQ(e.exitCode, r.exitCode) << e.arguments;
         EXPECT_NE(std::string::npos, r.output.find(e.text)) << r.output;
     }

@@ -2,28 +2,20 @@
 // encoder, sender, network, receiver, jitter buffer, decoder, mixer.
 #include "sonranetsim.h"
 
-#include "codecutil.h"
 #include "testutil.h"
 
-#include <gtest/gtest.h>
-
-#include <unistd.h>
-
-#include <algorithm>
-#include <cmath>
-#include <cstdio>
-#include <cstdlib>
 #include <functional>
 #include <sstream>
 
 using namespace sonranetsim;
+using sonratest::shell;
 
 namespace {
 
 const unsigned RATE = 16000;           // Hz
 const std::size_t FRAME_SAMPLES = 320; // 20 ms
 
-std::vector<int16_t> speech(double seconds) { return codectest::speechLike(RATE, std::size_t(seconds * RATE)); }
+std::vector<int16_t> speech(double seconds) { return sonratest::speechLike(RATE, std::size_t(seconds * RATE)); }
 
 Config configWith(Codec codec, double baseDelay)
 {
@@ -56,22 +48,10 @@ std::vector<unsigned> arrivedSeqNums(const Result& result)
     return arrived;
 }
 
-std::string commandOutput(const std::string& command)
-{
-    std::string output;
-    if (FILE* pipe = popen(command.c_str(), "r")) {
-        char buffer[256];
-        while (std::fgets(buffer, sizeof buffer, pipe))
-            output += buffer;
-        pclose(pipe);
-    }
-    return output;
-}
-
 // A figure from sox's "stats" effect, e.g. "RMS lev dB".
 double soxStat(const std::string& command, const std::string& name)
 {
-    const std::string output = commandOutput(command + " -n stats 2>&1");
+    const std::string output = shell(command + " -n stats 2>&1").output;
     const std::string::size_type at = output.find(name);
     return at == std::string::npos ? NAN : std::atof(output.c_str() + at + name.size());
 }
@@ -92,19 +72,19 @@ TEST(NetSim, WithoutLossPcmComesBackExactlyAfterTheNetworkDelay)
         ASSERT_EQ(frameAt(input, frame), frameAt(result.output, frame + 2)) << frame;
     EXPECT_TRUE(std::isinf(summary.snr));
     EXPECT_EQ(640, summary.fixedLag);
+    EXPECT_EQ(0.0, summary.spectralDistance);
+    EXPECT_EQ(50u, summary.spectralFrames);
 }
 
-// Through Opus the signal survives; one more frame of network delay only
-// delays the same decoded frames by one frame.
-TEST(NetSim, WithoutLossOpusOutputOnlyShiftsWithTheNetworkDelay)
+// A decoder that waits for each packet's successor plays every frame one
+// frame later; the figures still set each frame against its own input.
+TEST(NetSim, WithFecRecoveryTheFiguresFollowTheLaterOutput)
 {
-    const std::vector<int16_t> input = speech(2.0);
-    const Result early = simulate(input, configWith(Codec::Opus, 30)), late = simulate(input, configWith(Codec::Opus, 50));
-    ASSERT_EQ(100u, late.summary.played);
-    for (std::size_t frame = 0; frame < 100; ++frame)
-        ASSERT_EQ(frameAt(early.output, frame + 2), frameAt(late.output, frame + 3)) << frame;
-    EXPECT_GT(late.summary.snr, 8.0);
-    EXPECT_NEAR(late.summary.snr, late.summary.fixedLagSnr, 0.5);
+    Config config = configWith(Codec::Opus, 30);
+    config.fecLoss = 10;
+    const Summary summary = simulate(speech(2.0), config).summary;
+    EXPECT_GT(summary.snr, 8.0);
+    EXPECT_LT(summary.spectralDistance, 3.0);
 }
 
 TEST(NetSim, WithLossEveryPacketThatArrivedIsPlayedOnceInOrder)
@@ -239,10 +219,10 @@ TEST(NetSimTool, PlaysAFileAndSoxAgrees)
     const std::string dir = std::string(folder) + "/";
     ASSERT_EQ(0, std::system(("sox -n -r 44100 -c 2 -b 16 " + dir + "in.wav synth 1.0 sine 440 sine 660 gain -6")
                                  .c_str()));
-    const std::string summary = commandOutput(tool + " " + dir + "in.wav " + dir + "out.wav --codec pcm --delay 30");
+    const std::string summary = shell(tool + " " + dir + "in.wav " + dir + "out.wav --codec pcm --delay 30").output;
     EXPECT_NE(std::string::npos, summary.find("packets sent                    50")) << summary;
     EXPECT_NE(std::string::npos, summary.find("SNR, frames aligned       exact")) << summary;
-    EXPECT_EQ("16000 1\n", commandOutput("echo $(soxi -r " + dir + "out.wav) $(soxi -c " + dir + "out.wav)"));
+    EXPECT_EQ("16000 1\n", shell("echo $(soxi -r " + dir + "out.wav) $(soxi -c " + dir + "out.wav)").output);
 
     // 0.1 s to 0.9 s of sox's resampling against ours, 640 samples later.
     // (Two steps: in one, sox would trim before it resamples.)

@@ -1,11 +1,8 @@
 // The noise suppression node judged on espeak-ng's speech in white noise.
 #include "sonranoisesupressnode.h"
-#include "signalutil.h"
-
-#include <gtest/gtest.h>
+#include "testutil.h"
 
 #include <numeric>
-#include <random>
 
 using namespace ombrel;
 using namespace sonratest;
@@ -18,21 +15,28 @@ typedef std::pair<std::size_t, std::size_t> Span; // first sample, count
 
 struct DenoiseGraph : NodeGraph<SonraNoiseSupressNode> {
     explicit DenoiseGraph(unsigned channels = 1, unsigned rate = RATE, unsigned frameMs = 20)
-        : NodeGraph(boost::make_shared<SonraNoiseSupressNode>(ioService(), frameMs, rate), rate, channels) {}
+        : NodeGraph(make(channels, rate, frameMs), channels) {}
+    static boost::shared_ptr<SonraNoiseSupressNode> make(unsigned channels, unsigned rate, unsigned frameMs)
+    {
+        auto node = boost::make_shared<SonraNoiseSupressNode>(ioService(), frameMs, rate);
+        node->setOutputChannels(channels);
+        return node;
+    }
+    Samples runAll(const Samples& samples, std::size_t step) { return runInPieces(samples, {step}); }
 };
 
-std::vector<int16_t> whiteNoise(std::size_t count, double rms, unsigned seed)
+Samples whiteNoise(std::size_t count, double rms, unsigned seed)
 {
     std::mt19937 generator(seed);
     std::normal_distribution<double> gauss(0.0, rms);
-    std::vector<int16_t> noise(count);
+    Samples noise(count);
     std::generate(noise.begin(), noise.end(), [&] { return SonraNode::normalize(int(std::lround(gauss(generator)))); });
     return noise;
 }
 
 // RMS over the 20 ms frames within 30 dB of the loudest: the active speech
 // level, as SNR figures for speech are meant.
-double activeLevel(const std::vector<int16_t>& speech)
+double activeLevel(const Samples& speech)
 {
     std::vector<double> powers, active;
     for (std::size_t first = 0; first + FRAME <= speech.size(); first += FRAME)
@@ -45,17 +49,18 @@ double activeLevel(const std::vector<int16_t>& speech)
 // 2 s of noise alone for the estimator to settle, then twice a phrase and a
 // 1.2 s pause, measured from 300 ms past the speech (beyond any tail) to
 // 100 ms before what follows. Speech at an active level of 3000.
-struct NoisySpeech { std::vector<int16_t> clean, noisy; std::vector<Span> speech, pauses; };
+struct NoisySpeech { Samples clean, noisy; std::vector<Span> speech, pauses; };
 
 const NoisySpeech& noisySpeech()
 {
     static const NoisySpeech scene = [] {
         NoisySpeech s;
-        std::vector<int16_t> raw(2 * RATE, 0);
+        Samples raw(2 * RATE, 0);
         for (const std::string text : {"The quick brown fox jumps over the lazy dog.",
                                        "Seven silver swans swam silently seaward."}) {
-            const std::vector<int16_t> phrase = readPipe(
-                "espeak-ng --stdout \"" + text + "\" | sox -q -t wav - -t raw -r 16000 -e signed -b 16 -c 1 -");
+            const Samples phrase =
+                shell("espeak-ng --stdout \"" + text + "\" | sox -q -t wav - -t raw -r 16000 -e signed -b 16 -c 1 -")
+                    .values<int16_t>();
             s.speech.push_back({raw.size(), phrase.size()});
             raw.insert(raw.end(), phrase.begin(), phrase.end());
             s.pauses.push_back({raw.size() + RATE * 3 / 10, RATE * 8 / 10});
@@ -63,7 +68,7 @@ const NoisySpeech& noisySpeech()
         }
         raw.resize(raw.size() / FRAME * FRAME);
         const double gain = s.speech[0].second ? 3000.0 / activeLevel(raw) : 0.0;
-        const std::vector<int16_t> noise = whiteNoise(raw.size(), 3000.0 / std::pow(10.0, 5.0 / 20), 6);
+        const Samples noise = whiteNoise(raw.size(), 3000.0 / std::pow(10.0, 5.0 / 20), 6);
         for (std::size_t i = 0; i < raw.size(); ++i) {
             s.clean.push_back(SonraNode::normalize(static_cast<int>(std::lround(raw[i] * gain))));
             s.noisy.push_back(SonraNode::normalize(s.clean[i] + noise[i]));
@@ -73,7 +78,7 @@ const NoisySpeech& noisySpeech()
     return scene;
 }
 
-double levelDb(const std::vector<int16_t>& samples, Span span)
+double levelDb(const Samples& samples, Span span)
 {
     return 20 * std::log10(rms(slice(samples, span.first, span.second)));
 }
@@ -88,13 +93,13 @@ TEST(NoiseSupress, LowersTheNoiseFloorInSpeechPauses)
     const NoisySpeech& scene = noisySpeech();
     ASSERT_GT(scene.speech[0].second, RATE) << "espeak-ng and sox must be installed (scripts/bootstrap)";
     DenoiseGraph graph, graph48(1, 48000);
-    const std::vector<int16_t> out = graph.runAll(scene.noisy, FRAME);
+    const Samples out = graph.runAll(scene.noisy, FRAME);
     ASSERT_EQ(out.size(), scene.noisy.size());
     for (const Span& pause : scene.pauses)
         EXPECT_GE(levelDb(scene.noisy, pause) - levelDb(out, pause), 10.0) << "pause at " << pause.first;
     for (const Span& speech : scene.speech)
         EXPECT_GT(levelDb(out, speech), levelDb(scene.clean, speech) - 3.0) << "speech at " << speech.first;
-    const std::vector<int16_t> noise = whiteNoise(100 * 960, 2000.0, 3), out48 = graph48.runAll(noise, 960);
+    const Samples noise = whiteNoise(100 * 960, 2000.0, 3), out48 = graph48.runAll(noise, 960);
     ASSERT_EQ(out48.size(), noise.size());
     EXPECT_GE(levelDb(noise, {50 * 960, 50 * 960}) - levelDb(out48, {50 * 960, 50 * 960}), 10.0);
 }
@@ -104,10 +109,10 @@ TEST(NoiseSupress, LowersTheNoiseFloorInSpeechPauses)
 // After reset both behave like a fresh node's.
 TEST(NoiseSupress, StereoChannelsAreDenoisedIndependently)
 {
-    const std::vector<int16_t> speech = slice(noisySpeech().noisy, 0, 4 * RATE);
-    const std::vector<int16_t> hiss = whiteNoise(4 * RATE, 4000.0, 99), tone = sine(440.0, RATE, 4 * RATE, 20000.0);
+    const Samples speech = slice(noisySpeech().noisy, 0, 4 * RATE);
+    const Samples hiss = whiteNoise(4 * RATE, 4000.0, 99), tone = sine(440.0, RATE, 4 * RATE, 20000.0);
     DenoiseGraph stereo(2), speechAlone, hissAlone, toneAlone;
-    const std::vector<int16_t> speechOut = speechAlone.runAll(speech, FRAME);
+    const Samples speechOut = speechAlone.runAll(speech, FRAME);
     EXPECT_NE(speechOut, speech) << "the speech was not processed";
     EXPECT_EQ(stereo.runAll(interleave(speech, hiss), 2 * FRAME), interleave(speechOut, hissAlone.runAll(hiss, FRAME)));
     stereo.pipe->reset(0);
@@ -122,14 +127,14 @@ TEST(NoiseSupress, WorksInPlaceOnWholeFramesOnly)
     DenoiseGraph mono, stereo(2), backToMono(2), noSamples(2, RATE, 0);
     backToMono.node->setOutputChannels(1);
     const Frame in = frameOf(slice(noisySpeech().noisy, 0, FRAME));
-    EXPECT_EQ(mono.run(in).get(), in.get());
+    EXPECT_EQ(mono.step(in).get(), in.get());
     EXPECT_NE(samplesOf(in), slice(noisySpeech().noisy, 0, FRAME));
     for (const auto& c : {std::make_pair(&mono, 300), std::make_pair(&mono, 640), std::make_pair(&stereo, 320),
                           std::make_pair(&backToMono, 640), std::make_pair(&noSamples, 4)}) {
-        const Frame frame = frameOf(std::vector<int16_t>(c.second, 1234));
-        EXPECT_EQ(c.first->run(frame).get(), frame.get());
-        EXPECT_EQ(samplesOf(frame), std::vector<int16_t>(c.second, 1234)) << c.second << " samples";
+        const Frame frame = frameOf(Samples(c.second, 1234));
+        EXPECT_EQ(c.first->step(frame).get(), frame.get());
+        EXPECT_EQ(samplesOf(frame), Samples(c.second, 1234)) << c.second << " samples";
     }
     noSamples.pipe->reset(0);
-    EXPECT_FALSE(mono.run(Frame()) || mono.run(boost::make_shared<std::vector<char> >()));
+    EXPECT_FALSE(mono.step() || mono.step(bytesFrame(Bytes())));
 }

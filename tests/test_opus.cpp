@@ -1,9 +1,7 @@
 // The Opus nodes against bare libopus, and round trips through both in one graph.
-#include "codecutil.h"
 #include "sonraopusdecnode.h"
 #include "sonraopusencnode.h"
-
-#include <gtest/gtest.h>
+#include "testutil.h"
 
 #include <opus.h>
 
@@ -11,8 +9,8 @@
 #include <tuple>
 
 using namespace ombrel;
-using namespace codectest;
-typedef std::vector<unsigned char> Packet;
+using namespace sonratest;
+typedef Bytes Packet;
 
 namespace {
 
@@ -21,15 +19,15 @@ struct Bare {
     explicit Bare(unsigned rate)
         : encoder(opus_encoder_create(rate, 1, OPUS_APPLICATION_VOIP, &error), opus_encoder_destroy),
           decoder(opus_decoder_create(rate, 1, &error), opus_decoder_destroy) {}
-    Packet encode(const std::vector<int16_t>& pcm)
+    Packet encode(const Samples& pcm)
     {
         Packet packet(4000);
         packet.resize(std::max(0, opus_encode(encoder.get(), pcm.data(), int(pcm.size()), packet.data(), 4000)));
         return packet;
     }
-    std::vector<int16_t> decode(const Packet& packet, unsigned samples)
+    Samples decode(const Packet& packet, unsigned samples)
     {
-        std::vector<int16_t> pcm(samples);
+        Samples pcm(samples);
         pcm.resize(std::max(0, opus_decode(decoder.get(), packet.data(), int(packet.size()), pcm.data(), samples, 0)));
         return pcm;
     }
@@ -39,13 +37,6 @@ struct Bare {
     std::unique_ptr<OpusDecoder, void (*)(OpusDecoder*)> decoder;
 };
 
-template <typename T>
-std::vector<T> concat(std::vector<T> a, const std::vector<T>& b)
-{
-    a.insert(a.end(), b.begin(), b.end());
-    return a;
-}
-
 } // namespace
 
 // Both nodes at 16 kHz with 20 ms frames, beside bare libopus.
@@ -53,8 +44,8 @@ class OpusNodes : public ::testing::Test {
 protected:
     static constexpr unsigned RATE = 16000; // Hz
     static constexpr unsigned N = 320;      // samples per frame
-    std::vector<int16_t> frame(unsigned k) const { return slice(signal, k * N, N); }
-    std::vector<int16_t> decoded(const Packet& packet) { return samplesOf(decoder.run(bytesFrame(packet))); }
+    Samples frame(unsigned k) const { return slice(signal, k * N, N); }
+    Samples decoded(const Packet& packet) { return samplesOf(decoder.step(bytesFrame(packet))); }
 
     OpusNodes()
     {
@@ -63,28 +54,28 @@ protected:
             packets.push_back(source.encode(frame(k)));
     }
 
-    Harness<SonraOpusEncNode> encoder{20, RATE};
-    Harness<SonraOpusDecNode> decoder{20, RATE};
+    NodeGraph<SonraOpusEncNode> encoder{20, RATE};
+    NodeGraph<SonraOpusDecNode> decoder{20, RATE};
     Bare bare{RATE};
-    std::vector<int16_t> signal = speechLike(RATE, 8 * N);
+    Samples signal = speechLike(RATE, 8 * N);
     std::vector<Packet> packets; // of the signal, from a fresh encoder
 };
 
 TEST_F(OpusNodes, EncoderGivesTheBarePacketsOfWholeFramesOnly)
 {
-    EXPECT_EQ(bare.encode(frame(0)), bytesOf(encoder.run(frameOf(frame(0)))));
+    EXPECT_EQ(bare.encode(frame(0)), bytesOf(encoder.step(frameOf(frame(0)))));
     const Packet first = bare.encode(frame(1));
-    EXPECT_EQ(concat(first, bare.encode(frame(2))), bytesOf(encoder.run(frameOf(concat(frame(1), frame(2))))));
+    EXPECT_EQ(concat(first, bare.encode(frame(2))), bytesOf(encoder.step(frameOf(concat(frame(1), frame(2))))));
     const Frame oneAndAHalf = frameOf(concat(frame(3), slice(frame(4), 0, N / 2)));
-    EXPECT_EQ(bare.encode(frame(3)), bytesOf(encoder.run(oneAndAHalf))); // the tail is dropped
+    EXPECT_EQ(bare.encode(frame(3)), bytesOf(encoder.step(oneAndAHalf))); // the tail is dropped
     // None of these touches the encoder: the stream goes on as if they never came.
     Frame oddBytes = frameOf(frame(4));
     oddBytes->pop_back();
-    for (const Frame& nothing : {Frame(), bytesFrame({}), frameOf(slice(frame(4), 0, N - 1)), oddBytes})
-        EXPECT_FALSE(encoder.run(nothing));
-    EXPECT_EQ(bare.encode(frame(4)), bytesOf(encoder.run(frameOf(frame(4)))));
+    for (const Frame& nothing : {Frame(), bytesFrame(Bytes()), frameOf(slice(frame(4), 0, N - 1)), oddBytes})
+        EXPECT_FALSE(encoder.step(nothing));
+    EXPECT_EQ(bare.encode(frame(4)), bytesOf(encoder.step(frameOf(frame(4)))));
     encoder.pipe->reset(0); // restarts the stream
-    EXPECT_EQ(Bare(RATE).encode(frame(5)), bytesOf(encoder.run(frameOf(frame(5)))));
+    EXPECT_EQ(Bare(RATE).encode(frame(5)), bytesOf(encoder.step(frameOf(frame(5)))));
 }
 
 TEST_F(OpusNodes, DecoderGivesTheBareFramesAndSkipsWhatItCannotDecode)
@@ -94,15 +85,15 @@ TEST_F(OpusNodes, DecoderGivesTheBareFramesAndSkipsWhatItCannotDecode)
     // frame longer than the packet.
     const std::vector<Packet> garbage = {{0x0B, 0x00}, {0x09, 0x11, 0x22, 0x33}, {0x0A, 0xF0, 0x01, 0x02}};
     for (unsigned k = 0; k < 3; ++k) {
-        EXPECT_FALSE(decoder.run(bytesFrame(garbage[k])));
+        EXPECT_FALSE(decoder.step(bytesFrame(garbage[k])));
         EXPECT_EQ(bare.decode(packets[k], N), decoded(packets[k])) << "packet " << k;
     }
     // A gap is not concealed: the next packet decodes as if none were lost.
-    for (const Frame& nothing : {Frame(), bytesFrame({})})
-        EXPECT_FALSE(decoder.run(nothing));
+    for (const Frame& nothing : {Frame(), bytesFrame(Bytes())})
+        EXPECT_FALSE(decoder.step(nothing));
     EXPECT_EQ(bare.decode(packets[3], N), decoded(packets[3]));
     for (unsigned otherDuration : {10u, 40u}) // ms
-        EXPECT_FALSE(decoder.run(bytesFrame(Bare(RATE).encode(slice(signal, 0, RATE * otherDuration / 1000)))));
+        EXPECT_FALSE(decoder.step(bytesFrame(Bare(RATE).encode(slice(signal, 0, RATE * otherDuration / 1000)))));
     EXPECT_EQ(N, decoded(packets[4]).size());
     decoder.pipe->reset(0); // restarts the stream
     EXPECT_EQ(Bare(RATE).decode(packets[5], N), decoded(packets[5]));
@@ -111,13 +102,9 @@ TEST_F(OpusNodes, DecoderGivesTheBareFramesAndSkipsWhatItCannotDecode)
 TEST(OpusNodesDeathTest, ThirtyMillisecondFramesGiveNothingAndRatesOpusRefusesFail)
 {
     for (unsigned rate : {8000u, 16000u, 48000u})
-        EXPECT_FALSE(Harness<SonraOpusEncNode>(30, rate).run(frameOf(speechLike(rate, rate * 30 / 1000)))) << rate;
-    EXPECT_DEATH(SonraOpusEncNode(sonratest::ioService(), 20, 44100),
-                 "Assertion \"d->m_encoderPtr\" failed in function \"SonraOpusEncNode\" of "
-                 "\"multimedia/audio2/audio2components/src/sonraopusencnode\"");
-    EXPECT_DEATH(SonraOpusDecNode(sonratest::ioService(), 20, 22050),
-                 "Assertion \"d->m_decoderPtr\" failed in function \"SonraOpusDecNode\" of "
-                 "\"multimedia/audio2/audio2components/src/sonraopusdecnode\"");
+        EXPECT_FALSE(NodeGraph<SonraOpusEncNode>(30, rate).step(frameOf(speechLike(rate, rate * 30 / 1000)))) << rate;
+    EXPECT_DEATH(SonraOpusEncNode(ioService(), 20, 44100), assertion("d->m_encoderPtr", "SonraOpusEncNode", "sonraopusencnode"));
+    EXPECT_DEATH(SonraOpusDecNode(ioService(), 20, 22050), assertion("d->m_decoderPtr", "SonraOpusDecNode", "sonraopusdecnode"));
 }
 
 // source -> encoder -> decoder in one pipe, 100 graph frames of the
@@ -128,14 +115,14 @@ TEST_P(OpusRoundTrip, GraphKeepsTheSignal)
 {
     const unsigned rate = std::get<0>(GetParam()), duration = std::get<1>(GetParam()); // Hz, ms
     const unsigned n = rate * duration / 1000, frames = 100;                            // samples per frame
-    const std::vector<int16_t> signal = speechLike(rate, n * frames);
-    Harness<SonraOpusEncNode> graph(duration, rate);
-    auto decoder = boost::make_shared<SonraOpusDecNode>(sonratest::ioService(), duration, rate);
+    const Samples signal = speechLike(rate, n * frames);
+    NodeGraph<SonraOpusEncNode> graph(duration, rate);
+    auto decoder = boost::make_shared<SonraOpusDecNode>(ioService(), duration, rate);
     graph.pipe->connect(graph.node, decoder);
-    std::vector<int16_t> decoded;
+    Samples decoded;
     for (unsigned k = 0; k < frames; ++k) {
-        ASSERT_TRUE(graph.run(frameOf(slice(signal, k * n, n)))) << "frame " << k;
-        const std::vector<int16_t> pcm = samplesOf(decoder->outputData());
+        ASSERT_TRUE(graph.step(frameOf(slice(signal, k * n, n)))) << "frame " << k;
+        const Samples pcm = samplesOf(decoder->outputData());
         ASSERT_EQ(n, pcm.size()) << "frame " << k;
         decoded.insert(decoded.end(), pcm.begin(), pcm.end());
     }
@@ -163,3 +150,46 @@ INSTANTIATE_TEST_SUITE_P(RatesAndDurations, OpusRoundTrip,
                              return std::to_string(std::get<0>(info.param)) + "Hz_" +
                                     std::to_string(std::get<1>(info.param)) + "ms";
                          });
+
+TEST_F(OpusNodes, ConcealmentFillsAStartedGapUpToItsLimit)
+{
+    decoder.node->setConcealment(50); // ms: two whole 20 ms frames
+    EXPECT_FALSE(decoder.run(Frame())); // the stream has not started
+    EXPECT_EQ(bare.decode(packets[0], N), decoded(packets[0]));
+    for (unsigned k = 0; k < 2; ++k)
+        EXPECT_EQ(bare.decode(Packet(), N), samplesOf(decoder.run(Frame()))) << "frame " << k;
+    EXPECT_FALSE(decoder.run(bytesFrame({}))); // beyond the limit: silence
+    EXPECT_EQ(bare.decode(packets[1], N), decoded(packets[1]));
+    EXPECT_EQ(bare.decode(Packet(), N), samplesOf(decoder.run(Frame()))); // a new gap
+    decoder.pipe->reset(0);
+    EXPECT_FALSE(decoder.run(Frame()));
+}
+
+// Packet 8 of 12 lost: the decoder that holds packets back a frame gives
+// every frame one frame late and rebuilds the lost one from packet 9's FEC
+// data, closer to what packet 8 decodes to than concealment comes.
+TEST(OpusFec, RebuildsALostFrameBetterThanConcealment)
+{
+    const unsigned RATE = 16000, N = 320, LOST = 8; // Hz, samples per frame
+    const std::vector<int16_t> signal = speechLike(RATE, (LOST + 2) * N);
+    Harness<SonraOpusEncNode> encoder(20, RATE);
+    EXPECT_EQ(OPUS_BAD_ARG, encoder.node->setInbandFec(101));
+    ASSERT_EQ(0, encoder.node->setInbandFec(20));
+    Harness<SonraOpusDecNode> fec(20, RATE), concealing(20, RATE);
+    fec.node->setFecRecovery(true);
+    concealing.node->setConcealment(20);
+    Bare clean(RATE);
+    std::vector<std::vector<int16_t> > whole, late, concealed; // by graph frame
+    for (unsigned k = 0; k < LOST + 2; ++k) {
+        const Frame packet = encoder.run(frameOf(slice(signal, k * N, N)));
+        whole.push_back(clean.decode(bytesOf(packet), N));
+        late.push_back(samplesOf(fec.run(k == LOST ? Frame() : packet)));
+        concealed.push_back(samplesOf(concealing.run(k == LOST ? Frame() : packet)));
+    }
+    EXPECT_TRUE(late[0].empty());
+    for (unsigned k = 1; k <= LOST; ++k)
+        EXPECT_EQ(whole[k - 1], late[k]) << "frame " << k;
+    const double fromFec = bestAlignment(whole[LOST], late[LOST + 1], 0, 0, 0).correlation;
+    const double fromConcealment = bestAlignment(whole[LOST], concealed[LOST], 0, 0, 0).correlation;
+    EXPECT_GT(fromFec, fromConcealment + 0.3) << fromFec << " " << fromConcealment;
+}

@@ -1,10 +1,8 @@
 // The resampler node judged against sox and SpeexDSP itself.
 #include "sonraresamplernode.h"
-#include "signalutil.h"
+#include "testutil.h"
 
 #include <speex/speex_resampler.h>
-
-#include <gtest/gtest.h>
 
 using namespace ombrel;
 using namespace sonratest;
@@ -16,25 +14,15 @@ const double AMPLITUDE = 10000.0; // of the test tone, 16-bit scale
 
 struct ResamplerGraph : NodeGraph<SonraResamplerNode> {
     ResamplerGraph(unsigned inRate, unsigned outRate, unsigned channels = 1)
-        : NodeGraph(boost::make_shared<SonraResamplerNode>(ioService(), inRate, outRate, 20), inRate, channels) {}
-};
-
-// `samples` converted by sox at its best quality after `delay` samples.
-std::vector<int16_t> soxResample(const std::vector<int16_t>& samples, unsigned inRate, unsigned outRate,
-                                 unsigned delay)
-{
-    const std::string path = testing::TempDir() + "sonra_resampler_" + std::to_string(inRate) + "_" + std::to_string(outRate);
-    if (FILE* file = std::fopen(path.c_str(), "wb")) {
-        std::fwrite(samples.data(), 2, samples.size(), file);
-        std::fclose(file);
+        : NodeGraph(make(inRate, outRate, channels), channels, inRate) {}
+    static boost::shared_ptr<SonraResamplerNode> make(unsigned inRate, unsigned outRate, unsigned channels)
+    {
+        auto node = boost::make_shared<SonraResamplerNode>(ioService(), inRate, outRate, 20);
+        node->setOutputChannels(channels);
+        return node;
     }
-    const std::string format = " -t raw -e signed -b 16 -c 1 -r ";
-    const std::vector<int16_t> out = readPipe("sox -q" + format + std::to_string(inRate) + " '" + path + "'" +
-                                              format + std::to_string(outRate) + " - pad " + std::to_string(delay) +
-                                              "s rate -v " + std::to_string(outRate));
-    std::remove(path.c_str());
-    return out;
-}
+    Samples runAll(const Samples& samples, std::size_t step) { return runInPieces(samples, {step}); }
+};
 
 class ResamplerTone : public testing::TestWithParam<std::pair<unsigned, unsigned> > {};
 
@@ -52,15 +40,15 @@ class ResamplerTone : public testing::TestWithParam<std::pair<unsigned, unsigned
 TEST_P(ResamplerTone, IsSeamlessKeepsLevelAndMatchesSox)
 {
     const unsigned inRate = GetParam().first, rate = GetParam().second;
-    const std::vector<int16_t> in = sine(TONE, inRate, inRate, AMPLITUDE);
+    const Samples in = sine(TONE, inRate, inRate, AMPLITUDE);
     ResamplerGraph graph(inRate, rate);
-    const std::vector<int16_t> out = graph.runAll(in, inRate / 50);
+    const Samples out = graph.runAll(in, inRate / 50);
     ASSERT_NEAR(double(out.size()), double(rate), 1.0) << "one second in, one second out";
 
     int error = 0;
     SpeexResamplerState* whole = speex_resampler_init(1, inRate, rate, SonraResamplerNode::RESAMPLE_QUALITY, &error);
     ASSERT_TRUE(whole);
-    std::vector<int16_t> continuous(rate + 100);
+    Samples continuous(rate + 100);
     spx_uint32_t inLen = in.size(), outLen = continuous.size();
     speex_resampler_process_int(whole, 0, in.data(), &inLen, continuous.data(), &outLen);
     const unsigned delay = speex_resampler_get_input_latency(whole);
@@ -70,7 +58,8 @@ TEST_P(ResamplerTone, IsSeamlessKeepsLevelAndMatchesSox)
 
     for (std::size_t from : {rate / 10, rate / 10 + rate / 2})
         EXPECT_NEAR(20 * std::log10(toneAmplitude(slice(out, from, rate / 5), TONE, rate) / AMPLITUDE), 0.0, 0.1);
-    const std::vector<int16_t> sox = soxResample(in, inRate, rate, delay);
+    const std::string rateText = std::to_string(rate);
+    const Samples sox = sonratest::sox(in, inRate, 1, "-c 1 -r " + rateText + " - pad " + std::to_string(delay) + "s rate -v " + rateText);
     ASSERT_GE(sox.size(), out.size()) << "sox must be installed (scripts/bootstrap)";
     double signal = 0, noise = 0;
     for (std::size_t i = rate / 10; i < out.size(); ++i) {
@@ -88,13 +77,13 @@ INSTANTIATE_TEST_SUITE_P(Rates, ResamplerTone,
 // nothing of the earlier signal is left in the filter.
 TEST(Resampler, StereoChannelsStayApart)
 {
-    const std::vector<int16_t> left = sine(TONE, 16000, 3200, AMPLITUDE), right = sine(1500.0, 16000, 3200, 20000.0);
+    const Samples left = sine(TONE, 16000, 3200, AMPLITUDE), right = sine(1500.0, 16000, 3200, 20000.0);
     ResamplerGraph stereo(16000, 48000, 2), monoLeft(16000, 48000), monoRight(16000, 48000);
     monoLeft.runAll(right, 320);
     monoLeft.pipe->reset(0);
     stereo.runAll(interleave(right, left), 640);
     stereo.pipe->reset(0);
-    const std::vector<int16_t> both = stereo.runAll(interleave(left, right), 640);
+    const Samples both = stereo.runAll(interleave(left, right), 640);
     ASSERT_EQ(both.size(), 2u * 9600);
     EXPECT_EQ(both, interleave(monoLeft.runAll(left, 320), monoRight.runAll(right, 320)));
 }
@@ -109,18 +98,18 @@ TEST(Resampler, SizesFramesInsideTheirBuffers)
 {
     ResamplerGraph same(16000, 16000), graph(16000, 48000, 2), zeroRate(0, 16000), down(44100, 16000);
     const Frame in = frameOf(sine(TONE, 16000, 320));
-    EXPECT_EQ(same.run(in).get(), in.get());
-    EXPECT_EQ(samplesOf(graph.run(frameOf(std::vector<int16_t>(2 * 100 + 1, 500)))).size(), 300u * 2);
-    const Frame oneByte = graph.run(boost::make_shared<std::vector<char> >(1, 'x'));
+    EXPECT_EQ(same.step(in).get(), in.get());
+    EXPECT_EQ(samplesOf(graph.step(frameOf(Samples(2 * 100 + 1, 500)))).size(), 300u * 2);
+    const Frame oneByte = graph.step(bytesFrame(Bytes(1)));
     EXPECT_TRUE(oneByte && oneByte->empty());
-    const Frame longOut = graph.run(frameOf(std::vector<int16_t>(2 * 1000, 500)));
-    const Frame downOut = down.run(frameOf(std::vector<int16_t>(882, 100)));
+    const Frame longOut = graph.step(frameOf(Samples(2 * 1000, 500)));
+    const Frame downOut = down.step(frameOf(Samples(882, 100)));
     ASSERT_TRUE(longOut && downOut);
     EXPECT_EQ(longOut->size(), 960u * 2 * 2);
     EXPECT_EQ(longOut->capacity(), 2 * 960u * 2 * 2);
     EXPECT_EQ(downOut->capacity(), 1280u); // roundf(2 x 882 x 0.362812) samples
     EXPECT_NEAR(double(downOut->size()), 640.0, 2.0);
-    EXPECT_FALSE(same.run(boost::make_shared<std::vector<char> >()) || graph.run(Frame()) || zeroRate.run(in));
+    EXPECT_FALSE(same.step(bytesFrame(Bytes())) || graph.step(Frame()) || zeroRate.step(in));
     graph.node->setOutputChannels(0);
-    EXPECT_FALSE(graph.run(in));
+    EXPECT_FALSE(graph.step(in));
 }

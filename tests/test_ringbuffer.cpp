@@ -2,45 +2,14 @@
 // The device bridge's byte ring: overwrite-oldest, zero fill, resizing, and
 // one producer with one consumer on two threads.
 #include "sonraringbuffer.h"
-
-#include <gtest/gtest.h>
+#include "testutil.h"
 
 #include <atomic>
-#include <cstdint>
-#include <algorithm>
-#include <random>
-#include <sstream>
-#include <string>
 #include <thread>
-#include <vector>
 
 using ombrel::SonraRingBuffer;
 
 namespace {
-
-// Runs a script on a ring: "+BYTES" puts, "-N" gets N bytes, "sN" sets the
-// size, "r" resets. Each get adds "<bytes>/<real count> ", zeros shown as '.'.
-std::string play(unsigned capacity, const std::string& script)
-{
-    SonraRingBuffer ring(capacity);
-    std::istringstream steps(script);
-    std::string step, result;
-    while (steps >> step) {
-        const std::string arg = step.substr(1);
-        if (step[0] == '+') {
-            ring.put(arg.data(), static_cast<unsigned>(arg.size()));
-        } else if (step[0] == '-') {
-            std::string out(std::stoul(arg), '?');
-            const unsigned real = ring.get(&out[0], static_cast<unsigned>(out.size()));
-            for (char& c : out)
-                c = c ? c : '.';
-            result += out + "/" + std::to_string(real) + " ";
-        } else {
-            step[0] == 's' ? ring.setSize(std::stoul(arg)) : ring.reset();
-        }
-    }
-    return result;
-}
 
 // The rules on a plain string: the ring must give the same bytes and counts.
 struct StringModel {
@@ -96,27 +65,6 @@ void compareWithByteRules(unsigned seed, unsigned maxCapacity, int rounds, int s
 }
 
 } // namespace
-
-TEST(RingBuffer, Semantics)
-{
-    const struct {
-        unsigned capacity;
-        const char* script;
-        const char* expected;
-    } cases[] = {
-        {8, "+abc -0 -5 -4", "/0 abc../3 ..../0 "},                                 // zero fill
-        {8, "+ABCDEFGH +XY -8", "CDEFGHXY/8 "},                                     // overwrite the oldest
-        {8, "+ABCDEF +1234 -8", "CDEF1234/8 "},                                     // only what does not fit
-        {8, "+old +0123456789abcdef -8", "89abcdef/8 "},                            // put above capacity
-        {8, "+abcdef -5 +ghijk -6 +lmnopqrstu -8", "abcde/5 fghijk/6 nopqrstu/8 "}, // wrap
-        {0, "+abc -3", ".../0 "},                                                   // capacity 0
-        {8, "+ABCDEF s4 -8 +123456 -8", "ABCD..../4 3456..../4 "},                  // shrink keeps the oldest
-        {8, "+abcdef -4 +ghijkl s8 + -8 +mnopqrst s12 +uvwx -12", "abcd/4 efghijkl/8 mnopqrstuvwx/12 "},
-        {8, "+abcdef r -3 +0123456789 -8", ".../0 23456789/8 "},                    // reset keeps capacity
-    };
-    for (const auto& c : cases)
-        EXPECT_EQ(c.expected, play(c.capacity, c.script)) << c.script;
-}
 
 TEST(RingBuffer, BlockCopiesMatchThePlainRules)
 {

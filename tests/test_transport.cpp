@@ -3,15 +3,8 @@
 #include "sonrapacket.h"
 #include "sonrareceivernode.h"
 #include "sonrasendernode.h"
-
-#include "shared.h"
 #include "testutil.h"
 
-#include <gtest/gtest.h>
-
-#include <boost/make_shared.hpp>
-
-#include <algorithm>
 #include <chrono>
 #include <climits>
 #include <cmath>
@@ -23,17 +16,15 @@
 #include <vector>
 
 using namespace ombrel;
-using sonratest::Frame;
+using namespace sonratest;
 
 namespace {
 
 typedef std::vector<unsigned> Seqs;
 typedef std::vector<uint64_t> Counts;
 
-Frame bytes(std::vector<char> contents) { return boost::make_shared<std::vector<char> >(std::move(contents)); }
-
 // A payload that names its frame, so that what comes out can be told apart.
-Frame payload(unsigned seqNum, char copy = 0) { return bytes({char(seqNum & 0xff), char((seqNum >> 8) & 0xff), copy}); }
+Frame payload(unsigned seqNum, char copy = 0) { return bytesFrame({char(seqNum & 0xff), char((seqNum >> 8) & 0xff), copy}); }
 
 uint32_t readU32(const std::vector<char>& data, std::size_t offset)
 {
@@ -44,28 +35,8 @@ uint32_t readU32(const std::vector<char>& data, std::size_t offset)
 
 std::string jbufAssertion(const std::string& expression, const std::string& function)
 {
-    const std::string text = "Assertion \"" + expression + "\" failed in function \"" + function +
-                             "\" of \"multimedia/audio2/audio2components/src/sonrajbuf";
-    return std::regex_replace(text, std::regex(R"([.^$|()\[\]{}*+?\\])"), R"(\$&)");
+    return assertion(expression, function, "sonrajbuf");
 }
-
-// Captures the texts of the jitter buffer's debug records while alive.
-struct LogCapture {
-    LogCapture()
-    {
-        setLogSink([this](const LogRecord& record) {
-            if (record.category == "audio2jbuf")
-                texts.push_back(record.text);
-        });
-        setDebugEnabled("audio2jbuf", true);
-    }
-    ~LogCapture() { setDebugEnabled("audio2jbuf", false), setLogSink(LogSink()); }
-    long count(const std::string& part) const
-    {
-        return std::count_if(texts.begin(), texts.end(), [&](const std::string& t) { return t.find(part) != t.npos; });
-    }
-    std::vector<std::string> texts;
-};
 
 // A jitter buffer on a clock the test moves by hand.
 struct JbufRig {
@@ -107,32 +78,27 @@ Seqs silentThen(unsigned silent, unsigned seqNum)
 
 } // namespace
 
-TEST(PacketDeathTest, BuildsTheHeaderInPlaceAndParsesWithoutCopying)
+TEST(PacketDeathTest, BuildsTheHeaderInPlaceParsesWithoutCopyingAndOrdersNumbers)
 {
-    Frame frame = bytes({'p', 'a', 'y'});
+    Frame frame = bytesFrame({'p', 'a', 'y'});
     const SonraPacket packet(frame, 0x01020304u, 0xA0B0C0D0u);
     EXPECT_EQ(frame.get(), packet.m_data.get());
     EXPECT_EQ((std::vector<char>{1, 0, 15, 0, 4, 3, 2, 1, char(0xD0), char(0xC0), char(0xB0), char(0xA0), 'p', 'a', 'y'}),
               *frame);
     EXPECT_EQ(static_cast<void*>(frame->data()), static_cast<void*>(packet.m_header));
     EXPECT_EQ(frame->data() + 12, packet.m_payload);
-    EXPECT_EQ(12, SonraPacket(bytes({}), 1, 0).m_header->length);
-    EXPECT_EQ(6, SonraPacket(bytes(std::vector<char>(65530)), 3, 0).m_header->length); // wraps at 64 KiB
+    EXPECT_EQ(12, SonraPacket(bytesFrame(std::vector<char>()), 1, 0).m_header->length);
+    EXPECT_EQ(6, SonraPacket(bytesFrame(std::vector<char>(65530)), 3, 0).m_header->length); // wraps at 64 KiB
 
-    Frame wire = bytes({1, 0, 14, 0, 7, 0, 0, 0, 40, 0, 0, 0, 'a', 'b'});
+    Frame wire = bytesFrame({1, 0, 14, 0, 7, 0, 0, 0, 40, 0, 0, 0, 'a', 'b'});
     const SonraPacket parsed(wire);
     EXPECT_EQ(wire.get(), parsed.m_data.get());
-    EXPECT_EQ(7u, parsed.m_header->seqNum);
-    EXPECT_EQ(40u, parsed.m_header->timeStamp);
+    EXPECT_EQ((Counts{7, 40}), (Counts{parsed.m_header->seqNum, parsed.m_header->timeStamp}));
     EXPECT_EQ(wire->data() + 12, parsed.m_payload);
-    const SonraPacket tooShort(bytes(std::vector<char>(11)));
-    EXPECT_EQ(nullptr, tooShort.m_header);
-    EXPECT_EQ(nullptr, tooShort.m_payload);
+    const SonraPacket tooShort(bytesFrame(std::vector<char>(11)));
+    EXPECT_TRUE(tooShort.m_header == nullptr && tooShort.m_payload == nullptr);
     EXPECT_DEATH(SonraPacket{Frame()}, "px != 0");
-}
 
-TEST(Packet, SequenceNumberOrder)
-{
     const unsigned cases[][3] = {{10, 20, 1},  {20, 10, 0},  {300, 100, 1}, {300, 200, 0}, {256, 100, 0},
                                  {257, 127, 1}, {257, 128, 0}, {257, 256, 0}, {5, 5, 0},     {UINT_MAX, 0, 1}};
     for (const auto& c : cases)
@@ -149,9 +115,11 @@ TEST(Jbuf, PlaysInOrderUnderrunsThenReanchorsAndRefusesTheOld)
     rig.put(5);
     EXPECT_EQ(0u, rig.get());
     const SonraJbufStatistics s = rig.jbuf.statistics();
-    EXPECT_EQ((Counts{5, 4, 1, 2, 0, 7, 140}),
-              (Counts{s.framesPut, s.framesPlayed, s.framesTooOld, s.underruns, s.queuedFrames, s.lastSeqNum,
-                    s.lastTimeStamp}));
+    EXPECT_EQ((Counts{5, 4, 1, 2, 0, 7, 140}), (Counts{s.framesPut, s.framesPlayed, s.framesTooOld, s.underruns,
+                                                       s.queuedFrames, s.lastSeqNum, s.lastTimeStamp}));
+    JbufRig ahead;
+    ahead.puts({1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16, 17, 18, 19, 30});
+    EXPECT_EQ(11u, ahead.jbuf.statistics().framesDropped); // 30 moves the head to 12 exactly (lead 18)
 }
 
 // Each case: its configuration, the frames put, what the gets deliver, and
@@ -177,7 +145,7 @@ TEST(Jbuf, OrderingsAndConfigurations)
         JbufRig rig(c.frameDuration);
         if (!c.delays.empty())
             rig.jbuf.setDelays(c.delays[0], c.delays[1], c.delays[2], c.delays[3]);
-        LogCapture log;
+        LogCapture log("audio2jbuf");
         rig.puts(c.put);
         EXPECT_EQ(c.played, rig.gets(c.played.size()));
         EXPECT_EQ(long(c.queues * c.put.size()), log.count("put frame"));
@@ -193,8 +161,7 @@ TEST(Jbuf, ADuplicateReplacesItsSlotAndCountsTwice)
     EXPECT_EQ(99, mine->at(0));
     rig.put(1, 'a');
     rig.put(1, 'b');
-    EXPECT_EQ(2u, rig.jbuf.statistics().queuedFrames);
-    EXPECT_EQ(1u, rig.jbuf.statistics().duplicates);
+    EXPECT_EQ((Counts{2, 1}), (Counts{rig.jbuf.statistics().queuedFrames, rig.jbuf.statistics().duplicates}));
     ASSERT_EQ(0u, rig.jbuf.getFrame(mine, nullptr, nullptr));
     EXPECT_EQ('b', mine->at(2));
     EXPECT_EQ(1u, rig.jbuf.statistics().queuedFrames);
@@ -202,7 +169,7 @@ TEST(Jbuf, ADuplicateReplacesItsSlotAndCountsTwice)
 
 TEST(Jbuf, DepthDecreasesAfterAWholeObservationPeriodOfLongWaits)
 {
-    LogCapture log;
+    LogCapture log("audio2jbuf");
     JbufRig rig;
     // Four frames queued, each played 80 ms after it was put. Get 1 sets the
     // shortest wait (20 ms, too short to cut); get 151 ends that period; get
@@ -216,9 +183,10 @@ TEST(Jbuf, DepthDecreasesAfterAWholeObservationPeriodOfLongWaits)
     }
     const SonraJbufStatistics s = rig.jbuf.statistics();
     EXPECT_EQ((Counts{1, 1, 3}), (Counts{s.depthDecreases, s.framesDropped, s.queuedFrames}));
+    const std::vector<std::string> texts = log.texts();
     EXPECT_EQ("JBuf after decrease m_dynMinBufTime=80, m_dynReferenceBufDepth=3, m_framesCount=2, "
               "m_bufDelayFrames=3, dynBufDelay=60",
-              log.texts[log.texts.size() - 2]);
+              texts[texts.size() - 2]);
     for (unsigned n = 304; n < 904; ++n) { // three queued frames are the nominal depth: no further cut
         rig.now += 20;
         ASSERT_EQ(n, rig.get());
@@ -229,7 +197,7 @@ TEST(Jbuf, DepthDecreasesAfterAWholeObservationPeriodOfLongWaits)
 
 TEST(Jbuf, AClockStuckAtZeroNeverDecreasesTheDepth)
 {
-    LogCapture log;
+    LogCapture log("audio2jbuf");
     JbufRig rig;
     rig.jbuf.setTimeHandler(boost::function<unsigned()>()); // no clock: reads 0
     rig.puts({1, 2, 3, 4});
@@ -244,7 +212,7 @@ TEST(Jbuf, AClockStuckAtZeroNeverDecreasesTheDepth)
 TEST(Jbuf, LogRecordsOfPutAndGet)
 {
     JbufRig rig;
-    LogCapture log;
+    LogCapture log("audio2jbuf");
     rig.now = 20;
     rig.puts({1, 2, 3, 4, 5});
     rig.now = 60;
@@ -254,7 +222,11 @@ TEST(Jbuf, LogRecordsOfPutAndGet)
                     {"Jbuf 60 get frame ", "JBuf new m_dynReferenceBufDepth=4", "New minBufTime=40",
                      "JBuf m_dynMinBufTime=40, m_dynReferenceBufDepth=4, m_framesCount=4, m_bufDelayFrames=3, "
                      "m_dynCounter=0, dynCountPeriod=150, dynBufDelay=80"});
-    EXPECT_EQ(expected, log.texts);
+    EXPECT_EQ(expected, log.texts());
+    JbufRig fine(1); // watches 3000 frames of 1 ms
+    fine.puts({1, 2});
+    fine.get();
+    EXPECT_EQ(1, log.count("dynCountPeriod=3000,"));
 }
 
 TEST(JbufDeathTest, ConfigurationAssertionsInOrder)
@@ -263,16 +235,14 @@ TEST(JbufDeathTest, ConfigurationAssertionsInOrder)
     EXPECT_DEATH(SonraJbuf(20).setFrameDuration(0), jbufAssertion("frameDuration>0", "setFrameDuration"));
     const std::string initialDivides = jbufAssertion("(d->m_initialDelay%d->m_frameDuration)==0", "reset");
     EXPECT_DEATH(SonraJbuf(20).setFrameDuration(40), initialDivides);
-    EXPECT_DEATH(SonraReceiverNode(sonratest::ioService(), 20, 16000).setPacketDuration(40), initialDivides);
-    EXPECT_DEATH(SonraReceiverNode(sonratest::ioService(), 40, 16000), initialDivides);
+    EXPECT_DEATH(SonraReceiverNode(ioService(), 20, 16000).setPacketDuration(40), initialDivides);
+    EXPECT_DEATH(SonraReceiverNode(ioService(), 40, 16000), initialDivides);
     const std::string maxNotBelowInitial = jbufAssertion("d->m_maxDelay>=d->m_initialDelay", "reset");
     EXPECT_DEATH(SonraJbuf(10).setDelays(60, 40, 50, 0), maxNotBelowInitial);
     EXPECT_DEATH(SonraJbuf(20).setDelays(70, 60, 50, 0), maxNotBelowInitial); // checked before the multiples
     EXPECT_DEATH(SonraJbuf(10).setDelays(40, 50, 60, 0), jbufAssertion("d->m_initialDelay>=d->m_minDelay", "reset"));
-    EXPECT_DEATH(SonraJbuf(20).setDelays(60, 30, 60, 0),
-                 jbufAssertion("(d->m_minDelay%d->m_frameDuration)==0", "reset"));
-    EXPECT_DEATH(SonraJbuf(20).setDelays(60, 60, 70, 0),
-                 jbufAssertion("(d->m_maxDelay%d->m_frameDuration)==0", "reset"));
+    EXPECT_DEATH(SonraJbuf(20).setDelays(60, 30, 60, 0), jbufAssertion("(d->m_minDelay%d->m_frameDuration)==0", "reset"));
+    EXPECT_DEATH(SonraJbuf(20).setDelays(60, 60, 70, 0), jbufAssertion("(d->m_maxDelay%d->m_frameDuration)==0", "reset"));
     EXPECT_DEATH(SonraJbuf(20).setDelays(60, 60, 60, 30),
                  jbufAssertion("(d->m_extraJitterDelay%d->m_frameDuration)==0", "reset"));
 }
@@ -294,46 +264,41 @@ TEST(Jbuf, HostileSequenceNumbers)
     EXPECT_EQ(silentThen(18, UINT_MAX), far.gets(19));
     far.puts({21, 23}); // the head went on one number per get while the far frame waited: 22 is the lowest playable
     EXPECT_EQ(23u, far.get());
-    EXPECT_EQ(1u, far.jbuf.statistics().framesTooOld);
-    EXPECT_EQ(2u, far.jbuf.statistics().framesDropped);
+    EXPECT_EQ((Counts{1, 2}), (Counts{far.jbuf.statistics().framesTooOld, far.jbuf.statistics().framesDropped}));
 }
 
 TEST(Sender, NumbersEveryNonEmptyFrameAndInsertsTheHeaderInPlace)
 {
-    sonratest::QueueSource source;
-    auto pipe = boost::make_shared<SonraPipe>(20);
-    auto sender = boost::make_shared<SonraSenderNode>(sonratest::ioService(), 20, 16000);
-    pipe->connect(source.node(20, 16000), sender);
+    NodeGraph<SonraSenderNode> graph(boost::make_shared<SonraSenderNode>(ioService(), 20, 16000));
     std::vector<Frame> packets;
-    const auto install = [&] { sender->setSendHandler([&](Frame packet) { packets.push_back(packet); }); };
-    const auto frame = [&](Frame contents) { source.push(contents), pipe->processFrame(); };
-    frame(bytes({1})), frame(bytes({2})), frame(bytes({3})); // numbered without a handler
+    const auto install = [&] { graph.node->setSendHandler([&](Frame packet) { packets.push_back(packet); }); };
+    const auto frame = [&](Frame contents) { graph.queue.push(contents), graph.pipe->processFrame(); };
+    frame(bytesFrame({1})), frame(bytesFrame({2})), frame(bytesFrame({3})); // numbered without a handler
     install();
-    frame(bytes({})), frame(Frame()); // no number consumed
-    Frame encoded = bytes({'o', 'p', 'u', 's'});
+    frame(bytesFrame(std::vector<char>())), frame(Frame()); // no number consumed
+    Frame encoded = bytesFrame({'o', 'p', 'u', 's'});
     frame(encoded);
     ASSERT_EQ(1u, packets.size());
     EXPECT_EQ(encoded.get(), packets[0].get());
     EXPECT_EQ((std::vector<char>{1, 0, 16, 0, 4, 0, 0, 0, 100, 0, 0, 0, 'o', 'p', 'u', 's'}), *encoded);
-    EXPECT_FALSE(sender->outputData());
+    EXPECT_FALSE(graph.node->outputData());
 
-    sender->reset(1000);
-    frame(bytes({5}));
-    sender->clearSendHandler();
-    frame(bytes({6}));
+    graph.node->reset(1000);
+    frame(bytesFrame({5}));
+    graph.node->clearSendHandler();
+    frame(bytesFrame({6}));
     install();
-    frame(bytes({7}));
+    frame(bytesFrame({7}));
     ASSERT_EQ(3u, packets.size());
     EXPECT_EQ(1120u, readU32(*packets[1], 8));
     EXPECT_EQ(7u, readU32(*packets[2], 4));
-    pipe->clear();
 }
 
 namespace {
 
 Frame datagram(unsigned seqNum, unsigned timeStamp, std::vector<char> body)
 {
-    Frame frame = bytes(std::move(body));
+    Frame frame = bytesFrame(body);
     SonraPacket(frame, seqNum, timeStamp);
     return frame;
 }
@@ -358,13 +323,12 @@ struct ReceiverRig {
         return out;
     }
     boost::shared_ptr<SonraPipe> pipe = boost::make_shared<SonraPipe>(20);
-    boost::shared_ptr<SonraReceiverNode> receiver =
-        boost::make_shared<SonraReceiverNode>(sonratest::ioService(), 20, 16000);
+    boost::shared_ptr<SonraReceiverNode> receiver = boost::make_shared<SonraReceiverNode>(ioService(), 20, 16000);
 };
 
 } // namespace
 
-TEST(Receiver, PlaysOnePacketPerFrameAndNothingForALostOne)
+TEST(Receiver, PlaysOnePacketPerFrameIgnoresShortDatagramsAndCopiesThePayloadOnly)
 {
     ReceiverRig rig;
     rig.send({1, 3});
@@ -372,16 +336,12 @@ TEST(Receiver, PlaysOnePacketPerFrameAndNothingForALostOne)
     rig.send({4, 5, 6});
     EXPECT_EQ((std::vector<int>{4, 5, 6}), rig.frames(3));
     EXPECT_EQ((std::vector<char>{6, 'x'}), *rig.receiver->outputData());
-}
 
-TEST(Receiver, IgnoresShortDatagramsAndCopiesThePayloadOnly)
-{
-    ReceiverRig rig;
     rig.receiver->dataReceived(Frame());
-    rig.receiver->dataReceived(bytes(std::vector<char>(11, 1)));
-    EXPECT_EQ(0u, rig.receiver->statistics().framesPut);
-    rig.receiver->dataReceived(datagram(1, 0, {})); // a header alone is an empty payload
-    Frame wire = datagram(2, 20, {'a', 'b', 'c'});
+    rig.receiver->dataReceived(bytesFrame(std::vector<char>(11, 1)));
+    EXPECT_EQ(5u, rig.receiver->statistics().framesPut);
+    rig.receiver->dataReceived(datagram(7, 0, {})); // a header alone is an empty payload
+    Frame wire = datagram(8, 20, {'a', 'b', 'c'});
     (*wire)[0] = (*wire)[1] = (*wire)[2] = 99; // format, reserved, length
     rig.receiver->dataReceived(wire);
     (*wire)[12] = 'z';
@@ -402,7 +362,6 @@ TEST(Receiver, LongerPacketsTakeFromTheBufferOncePerPacketPeriod)
     std::vector<int> expected(21, -1);
     expected[18] = 13;
     EXPECT_EQ(expected, rig.frames(21));
-
 }
 
 TEST(Receiver, UsesThePipesClockAndSurvivesAMoveToAYoungerPipe)
@@ -421,21 +380,6 @@ TEST(Receiver, UsesThePipesClockAndSurvivesAMoveToAYoungerPipe)
     EXPECT_EQ((std::vector<int>{4}), rig.frames(1));
     EXPECT_EQ(0u, rig.receiver->statistics().lastResidenceTime); // the clock went back: no wait counted
     EXPECT_EQ((std::vector<int>{5}), rig.frames(1));
-}
-
-TEST(Receiver, RandomDatagramsNeverHurt)
-{
-    ReceiverRig rig;
-    std::mt19937 random(99);
-    for (unsigned n = 0; n < 20000; ++n) {
-        std::vector<char> wire(random() % 40);
-        std::generate(wire.begin(), wire.end(), [&] { return char(random()); });
-        rig.receiver->dataReceived(bytes(wire));
-        if (n % 3 == 0)
-            rig.pipe->processFrame();
-    }
-    EXPECT_GT(rig.receiver->statistics().framesPut, 10000u);
-    EXPECT_LT(rig.receiver->statistics().framesPut, 20000u);
 }
 
 TEST(Jbuf, RecoveryResumesAfterStrayRestartedOrRenumberedStreams)

@@ -2,9 +2,6 @@
 // The universal device: the virtual device's thread, pace, sound files in
 // and out, and PortAudio's answers on a machine that may have no sound card.
 #include "deviceutil.h"
-#include "testutil.h"
-
-#include <gtest/gtest.h>
 
 #include <portaudio.h> // the error codes only
 
@@ -13,6 +10,7 @@
 #include <thread>
 
 using namespace ombrel;
+using namespace sonratest;
 
 namespace {
 
@@ -70,8 +68,8 @@ struct Recorder {
 
 TEST(UniversalDevice, RefusesStreamsThatCannotRunWithPortAudiosWords)
 {
-    const std::string wav = sonratest::tempPath("8k.wav");
-    ASSERT_TRUE(sonratest::writeWav(wav, std::vector<int16_t>(800, 5), 8000, 1));
+    const std::string wav = tempPath("8k.wav");
+    ASSERT_TRUE(writeWav(wav, std::vector<int16_t>(800, 5), 8000, 1));
     SonraUniversalDevice device(RATE);
     const bool soundCard = device.devices(SonraDeviceInfo::PLAYBACK).size() > 1;
     const struct {
@@ -132,7 +130,7 @@ TEST(UniversalDevice, VirtualDeviceKeepsTheStreamsPace)
     EXPECT_LE(double(blocks), seconds / 0.020 + 1);
     EXPECT_EQ(std::vector<int>(blocks, BLOCK_SAMPLES * 2 * 2), recorder.inLengths);
     EXPECT_EQ(std::vector<int>(blocks, BLOCK_SAMPLES * 2), recorder.outLengths);
-    EXPECT_EQ(sonratest::rms(recorder.captured), 0.0); // "virtual" captures silence
+    EXPECT_EQ(rms(recorder.captured), 0.0); // "virtual" captures silence
     std::this_thread::sleep_for(std::chrono::milliseconds(60));
     EXPECT_EQ(blocks, recorder.blocks()); // nothing after stop
     device.stop();
@@ -142,11 +140,11 @@ TEST(UniversalDevice, VirtualDeviceKeepsTheStreamsPace)
 // written to a stereo file.
 TEST(UniversalDevice, VirtualDevicesReadAndWriteSoundFiles)
 {
-    const std::string in = sonratest::tempPath("stereo.wav"), out = sonratest::tempPath("played.wav");
+    const std::string in = tempPath("stereo.wav"), out = tempPath("played.wav");
     std::vector<int16_t> stereo;
     for (int i = 0; i < 500; ++i)
         stereo.insert(stereo.end(), {int16_t(50 * i), int16_t(50 * i + 20)});
-    ASSERT_TRUE(sonratest::writeWav(in, stereo, RATE, 2));
+    ASSERT_TRUE(writeWav(in, stereo, RATE, 2));
     SonraUniversalDevice device(RATE);
     Recorder mono;
     std::string message;
@@ -158,12 +156,18 @@ TEST(UniversalDevice, VirtualDevicesReadAndWriteSoundFiles)
     ASSERT_EQ(3u * BLOCK_SAMPLES, mono.captured.size());
     for (std::size_t i = 0; i < mono.captured.size(); ++i)
         ASSERT_EQ(50 * int(i % 500) + 10, mono.captured[i]) << i;
-    const auto played = sonratest::readWav(out);
+    const auto played = readWav(out);
     EXPECT_EQ(int(RATE), played.sampleRate);
     EXPECT_EQ(2, played.channels);
     ASSERT_EQ(3u * BLOCK_SAMPLES * 2, played.samples.size());
     for (std::size_t i = 0; i < played.samples.size(); ++i)
         ASSERT_EQ(int16_t(i + 1), played.samples[i]) << i;
+    // A callback that leaves the block alone plays silence.
+    ASSERT_EQ(0, device.start(configuration("", 0, "virtual:" + out, 1), [](const char*, int, char*, int, int) { return false; },
+                              &message)) << message;
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    device.stop();
+    EXPECT_EQ(std::vector<int16_t>(BLOCK_SAMPLES, 0), readWav(out).samples);
 
     std::remove(in.c_str());
     std::remove(out.c_str());

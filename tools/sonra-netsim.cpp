@@ -4,9 +4,7 @@
 // a summary of what the network and the jitter buffer did.
 #include "sonratooloptions_p.h"
 #include "sonranetsim.h"
-
-#include <sndfile.h>
-#include <speex/speex_resampler.h>
+#include "sonrasoundfile_p.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -21,6 +19,8 @@
 
 namespace {
 
+using sonratool::readMono;
+using sonratool::writeWav;
 using sonranetsim::Config;
 using sonranetsim::JitterKind;
 
@@ -42,6 +42,9 @@ const char* const USAGE =
     "                         whose recent share of too-old frames stays under 1% (fixed)\n"
     "  --recovery on|off      re-anchor on a restarted or re-numbered stream; never let one\n"
     "                         stray datagram move the stream (on)\n"
+    "  --plc MS               Opus: conceal up to MS of each gap in the played packets (0: none)\n"
+    "  --fec PCT              Opus: in-band FEC set for PCT %% loss, and a decoder that waits a frame\n"
+    "                         for each packet's successor to rebuild a lost packet from it (0: none)\n"
     "network model:\n"
     "  --seed N               seed of every random draw (1)\n"
     "  --loss PCT             long-run packet loss (0)\n"
@@ -130,7 +133,11 @@ bool pathOption(const std::string& arg, const std::string& value, Config& config
         if (value != "on" && value != "off")
             throw UsageError("--recovery: expected on or off, got \"" + value + "\"");
         config.recovery = value == "on";
-    } else
+    } else if (arg == "--plc")
+        config.concealment = whole(arg, value, 0, 60000);
+    else if (arg == "--fec")
+        config.fecLoss = whole(arg, value, 0, 100);
+    else
         return false;
     return true;
 }
@@ -212,6 +219,8 @@ void checkPath(const Config& config)
     if (config.codec == sonranetsim::Codec::Opus && rate != 8000 && rate != 12000 && rate != 16000 &&
         rate != 24000 && rate != 48000)
         throw UsageError("--rate: Opus takes 8000, 12000, 16000, 24000 or 48000 Hz");
+    if (config.codec != sonranetsim::Codec::Opus && (config.concealment > 0 || config.fecLoss > 0))
+        throw UsageError("--plc and --fec: with Opus only");
     const unsigned frame = config.frameDuration;
     // The receiver starts with delays of 60 and 300 ms at one packet per
     // frame, so its frame duration must divide 60 ms whatever --delays says.
@@ -260,60 +269,6 @@ Options parse(int argc, char** argv)
     return options;
 }
 
-std::vector<int16_t> readMono(const std::string& path, unsigned rate)
-{
-    SF_INFO info = SF_INFO();
-    SNDFILE* file = sf_open(path.c_str(), SFM_READ, &info);
-    if (!file)
-        throw std::runtime_error("cannot read " + path + ": " + sf_strerror(nullptr));
-    const unsigned channels = static_cast<unsigned>(info.channels);
-    std::vector<int16_t> interleaved(static_cast<std::size_t>(info.frames) * channels);
-    const sf_count_t read = sf_readf_short(file, interleaved.data(), info.frames);
-    sf_close(file);
-    std::vector<int16_t> mono(static_cast<std::size_t>(read));
-    for (std::size_t i = 0; i < mono.size(); ++i) {
-        long sum = 0;
-        for (unsigned c = 0; c < channels; ++c)
-            sum += interleaved[i * channels + c];
-        mono[i] = static_cast<int16_t>(sum / static_cast<long>(channels));
-    }
-    if (static_cast<unsigned>(info.samplerate) == rate || mono.empty())
-        return mono;
-
-    int error = 0;
-    SpeexResamplerState* resampler =
-        speex_resampler_init(1, static_cast<spx_uint32_t>(info.samplerate), rate, 8, &error);
-    if (!resampler)
-        throw std::runtime_error("cannot resample from " + std::to_string(info.samplerate) + " Hz");
-    // Without the filter's delay, and with its tail flushed by as many zeros:
-    // the resampled signal lines up with the original.
-    speex_resampler_skip_zeros(resampler);
-    mono.resize(mono.size() + static_cast<std::size_t>(speex_resampler_get_input_latency(resampler)), 0);
-    const std::size_t expected = static_cast<std::size_t>(double(read) * rate / info.samplerate);
-    std::vector<int16_t> out(expected + 1024);
-    spx_uint32_t inLength = static_cast<spx_uint32_t>(mono.size());
-    spx_uint32_t outLength = static_cast<spx_uint32_t>(out.size());
-    speex_resampler_process_int(resampler, 0, mono.data(), &inLength, out.data(), &outLength);
-    speex_resampler_destroy(resampler);
-    out.resize(std::min<std::size_t>(outLength, expected));
-    return out;
-}
-
-void writeWav(const std::string& path, const std::vector<int16_t>& samples, unsigned rate)
-{
-    SF_INFO info = SF_INFO();
-    info.samplerate = static_cast<int>(rate);
-    info.channels = 1;
-    info.format = SF_FORMAT_WAV | SF_FORMAT_PCM_16;
-    SNDFILE* file = sf_open(path.c_str(), SFM_WRITE, &info);
-    if (!file)
-        throw std::runtime_error("cannot write " + path + ": " + sf_strerror(nullptr));
-    const sf_count_t written = sf_write_short(file, samples.data(), static_cast<sf_count_t>(samples.size()));
-    sf_close(file);
-    if (written != static_cast<sf_count_t>(samples.size()))
-        throw std::runtime_error("short write to " + path);
-}
-
 std::string percentOf(unsigned part, unsigned whole)
 {
     char text[32];
@@ -359,9 +314,13 @@ void printSummary(const Options& options, const sonranetsim::Result& result)
                     model.baseDelay, jitterName(model.jitterKind), model.jitter, model.reorderRate * 100,
                     model.reorderDelay, model.duplicateRate * 100, model.spikeRate * 100, model.spikeHeight);
     const unsigned* delays = config.delays;
-    std::printf("jitter buffer: initial %u, min %u, max %u, extra %u ms, %s playout, recovery %s\n\n", delays[0],
+    std::printf("jitter buffer: initial %u, min %u, max %u, extra %u ms, %s playout, recovery %s\n", delays[0],
                 delays[1], delays[2], delays[3], config.adaptivePlayout ? "adaptive" : "fixed",
                 config.recovery ? "on" : "off");
+    if (config.codec == sonranetsim::Codec::Opus)
+        std::printf("decoder: concealment up to %u ms a gap, in-band FEC %s\n", config.concealment,
+                    config.fecLoss > 0 ? ("for " + std::to_string(config.fecLoss) + "% loss").c_str() : "off");
+    std::printf("\n");
     const ombrel::SonraJbufStatistics& j = s.jbuf;
     std::printf("packets sent              %8u\n", s.sent);
     std::printf("lost in the network       %8u  %s\n", s.lostInNetwork, percentOf(s.lostInNetwork, s.sent).c_str());
@@ -388,6 +347,9 @@ void printSummary(const Options& options, const sonranetsim::Result& result)
                 decibels(s.snr).c_str(), s.codecDelay);
     std::printf("SNR, as heard             %s (one fixed lag of %d samples)\n", decibels(s.fixedLagSnr).c_str(),
                 s.fixedLag);
+    std::printf("log-spectral distance     %.2f dB (mean over %u frames of speech of 20 ms, each set against\n"
+                "                          what was heard in its place; lower is better)\n",
+                s.spectralDistance, s.spectralFrames);
 }
 
 } // namespace

@@ -6,6 +6,8 @@
 #ifndef OMBREL_SONRADELAYLINE_P_H
 #define OMBREL_SONRADELAYLINE_P_H
 
+#include "sonracircular_p.h"
+
 #include <boost/circular_buffer.hpp>
 
 #include <algorithm>
@@ -47,32 +49,12 @@ void forEachDelayedRun(const Line& line, const int16_t* in, std::size_t n, Visit
         visit(done, in, n - done);
 }
 
-// Overwrites the oldest `count` samples (count <= size) with `samples`.
-inline void overwriteOldest(Line& line, const int16_t* samples, std::size_t count)
-{
-    const Line::array_range runs[2] = {line.array_one(), line.array_two()};
-    for (const Line::array_range& run : runs) {
-        const std::size_t part = std::min(run.second, count);
-        std::copy(samples, samples + part, run.first);
-        samples += part;
-        count -= part;
-    }
-}
-
-// Appends n samples to a full line, dropping as many of the oldest: the
-// oldest are overwritten, then the start moves past them (on a full buffer
-// rotate() only moves the start), so this costs one copy.
+// Appends n samples to a full line, dropping as many of the oldest.
 inline void advance(Line& line, const int16_t* in, std::size_t n)
 {
-    const std::size_t length = line.size();
-    if (length == 0 || n == 0)
+    if (line.empty() || n == 0)
         return;
-    if (n >= length) {
-        overwriteOldest(line, in + (n - length), length);
-        return;
-    }
-    overwriteOldest(line, in, n);
-    line.rotate(line.begin() + static_cast<std::ptrdiff_t>(n));
+    circular::appendToFull(line, in, n);
 }
 
 // Appends n samples of silence, as a gap in the input does, so that the

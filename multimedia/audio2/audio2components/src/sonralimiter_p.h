@@ -5,6 +5,7 @@
 #define OMBREL_SONRALIMITER_P_H
 
 #include "sonrabase.h"
+#include "sonrarounding_p.h"
 
 #include <algorithm>
 #include <cmath>
@@ -17,25 +18,14 @@ const float RECOVERY_CEILING = 0.999f;
 const float GAIN_CEILING = 1.0f;
 const double HEADROOM = 0.9;
 
-// roundf() (halves away from zero) then truncation to int, without a libm
-// call so that loops over it vectorise. Exact for every float of magnitude
-// below 2^31: below 2^23 the fraction is exact, above it every float is
-// already whole. Larger magnitudes are the caller's to avoid.
-inline int32_t roundToIntInRange(float value)
-{
-    const int32_t whole = static_cast<int32_t>(value);
-    const float fraction = value - static_cast<float>(whole);
-    return whole + (fraction >= 0.5f) - (fraction <= -0.5f);
-}
-
-// The same for any float: magnitudes beyond the int range saturate instead
-// of being undefined, and NaN gives the lower bound.
+// roundf() then conversion to int for any float: magnitudes beyond the int
+// range saturate instead of being undefined, and NaN gives the lower bound.
 inline int32_t roundToInt(float value)
 {
     const float largestBelowTwoTo31 = 2147483520.0f;
     // Argument order matters: NaN loses both comparisons.
     value = std::min(std::max(-largestBelowTwoTo31, value), largestBelowTwoTo31);
-    return roundToIntInRange(value);
+    return rounding::halfAwayFromZero(value);
 }
 
 // A 16-bit sample times `factor` stays inside the int range.

@@ -1,25 +1,64 @@
 #include "sonraopusdecnode.h"
 
 #include "shared.h"
+#include "sonraopus_p.h"
 
 #include <boost/make_shared.hpp>
 
-#include <opus.h>
-
 #include <cstdint>
-#include <limits>
 
 namespace ombrel {
 
 struct SonraOpusDecNode_p {
-    OpusDecoder* m_decoderPtr = nullptr; // owned; null only when creation failed
-    uint32_t m_frameSamples = 0;          // samples per channel one packet must yield
+    opus::DecoderPtr m_decoderPtr;    // null only when creation failed
+    uint32_t m_frameSamples = 0;      // samples per channel one packet must yield
+    uint32_t m_concealmentLimit = 0;  // frames of a gap that may be concealed; 0: none
+    uint32_t m_concealed = 0;         // frames of the current gap concealed so far
+    bool m_started = false;           // a packet decoded since creation or the last reset
+    bool m_fecRecovery = false;       // packets are held back a frame for their successor's FEC
+    opus::Frame m_heldPacket;         // the previous frame's packet while FEC recovery is on
 };
 
 namespace {
 
-// libopus takes a packet's length as a signed 32-bit count.
-const std::size_t MAX_PACKET_BYTES = static_cast<std::size_t>(std::numeric_limits<opus_int32>::max());
+typedef opus::Frame Frame;
+
+// One graph frame from `data` (its FEC data when `fromFec`), or concealment
+// for no data. An error, or a packet shorter than the graph frame, gives
+// no frame.
+Frame decode(SonraOpusDecNode_p& d, const unsigned char* data, std::size_t length, bool fromFec)
+{
+    const Frame output = boost::make_shared<std::vector<char> >(2 * static_cast<std::size_t>(d.m_frameSamples));
+    const int decoded = opus_decode(d.m_decoderPtr.get(), data, static_cast<opus_int32>(length),
+                                    reinterpret_cast<opus_int16*>(output->data()),
+                                    static_cast<int>(d.m_frameSamples), fromFec ? 1 : 0);
+    if (decoded < 0 || static_cast<uint32_t>(decoded) < d.m_frameSamples)
+        return Frame();
+    return output;
+}
+
+// The frame for one packet's slot: the packet decoded, or, for a missing
+// packet once the stream has started, rebuilt from the successor's FEC
+// data or concealed within the limit. Nothing else calls the decoder.
+Frame decodeSlot(SonraOpusDecNode_p& d, const Frame& packet, const Frame& successor)
+{
+    if (packet) {
+        const Frame output = decode(d, opus::bytesOf(*packet), packet->size(), false);
+        if (output) {
+            d.m_started = true;
+            d.m_concealed = 0;
+        }
+        return output;
+    }
+    if (!d.m_started)
+        return Frame();
+    if (successor)
+        return decode(d, opus::bytesOf(*successor), successor->size(), true);
+    if (d.m_concealed >= d.m_concealmentLimit)
+        return Frame();
+    ++d.m_concealed;
+    return decode(d, nullptr, 0, false);
+}
 
 } // namespace
 
@@ -27,45 +66,44 @@ SonraOpusDecNode::SonraOpusDecNode(boost::shared_ptr<boost::asio::io_service> io
                                    unsigned frameDuration, unsigned sampleRate)
     : SonraNode(ioService, frameDuration, sampleRate), d(new SonraOpusDecNode_p)
 {
-    int error = OPUS_OK;
-    d->m_decoderPtr = opus_decoder_create(static_cast<opus_int32>(sampleRate), 1, &error);
-    if (error != OPUS_OK)
-        d->m_decoderPtr = nullptr;
+    d->m_decoderPtr = opus::createDecoder(sampleRate);
     SONRA_ASSERT(d->m_decoderPtr);
     d->m_frameSamples = frameSize() / 2;
 }
 
-SonraOpusDecNode::~SonraOpusDecNode()
+SonraOpusDecNode::~SonraOpusDecNode() = default;
+
+void SonraOpusDecNode::setConcealment(unsigned maxDuration)
 {
-    if (d->m_decoderPtr)
-        opus_decoder_destroy(d->m_decoderPtr);
+    d->m_concealmentLimit = frameDuration() > 0 ? maxDuration / frameDuration() : 0;
+}
+
+void SonraOpusDecNode::setFecRecovery(bool enabled)
+{
+    d->m_fecRecovery = enabled;
+    d->m_heldPacket.reset();
 }
 
 void SonraOpusDecNode::reset(unsigned /*offset*/)
 {
-    if (d->m_decoderPtr)
-        opus_decoder_ctl(d->m_decoderPtr, OPUS_RESET_STATE);
+    opus::resetState(d->m_decoderPtr.get());
+    d->m_started = false;
+    d->m_concealed = 0;
+    d->m_heldPacket.reset();
 }
 
 boost::shared_ptr<std::vector<char> > SonraOpusDecNode::doProcess()
 {
-    typedef boost::shared_ptr<std::vector<char> > Frame;
     if (!d->m_decoderPtr)
         return Frame();
-    const Frame input = getInputData();
-    // A missing packet is not concealed: the decoder is not called at all.
-    if (!input || input->empty() || input->size() > MAX_PACKET_BYTES)
-        return Frame();
-
-    const Frame output = boost::make_shared<std::vector<char> >(frameSize());
-    const int decoded = opus_decode(d->m_decoderPtr, reinterpret_cast<const unsigned char*>(input->data()),
-                                    static_cast<opus_int32>(input->size()),
-                                    reinterpret_cast<opus_int16*>(output->data()),
-                                    static_cast<int>(d->m_frameSamples), 0);
-    // An error, or a packet shorter than the graph frame, gives no frame.
-    if (decoded < 0 || static_cast<uint32_t>(decoded) < d->m_frameSamples)
-        return Frame();
-    return output;
+    Frame input = getInputData();
+    if (!opus::isCodable(input))
+        input.reset();
+    if (!d->m_fecRecovery)
+        return decodeSlot(*d, input, Frame());
+    const Frame packet = d->m_heldPacket;
+    d->m_heldPacket = input;
+    return decodeSlot(*d, packet, input);
 }
 
 } // namespace ombrel

@@ -1,57 +1,53 @@
 #include "sonraopusencnode.h"
 
 #include "shared.h"
+#include "sonraopus_p.h"
 
 #include <boost/make_shared.hpp>
 
-#include <opus.h>
-
 #include <cstdint>
-#include <limits>
 
 namespace ombrel {
 
 struct SonraOpusEncNode_p {
-    OpusEncoder* m_encoderPtr = nullptr; // owned; null only when creation failed
+    opus::EncoderPtr m_encoderPtr; // null only when creation failed
 };
-
-namespace {
-
-// Byte counts are kept as libopus's signed 32-bit lengths.
-const std::size_t MAX_INPUT_BYTES = static_cast<std::size_t>(std::numeric_limits<int32_t>::max());
-
-} // namespace
 
 SonraOpusEncNode::SonraOpusEncNode(boost::shared_ptr<boost::asio::io_service> ioService,
                                    unsigned frameDuration, unsigned sampleRate)
     : SonraNode(ioService, frameDuration, sampleRate), d(new SonraOpusEncNode_p)
 {
-    int error = OPUS_OK;
-    d->m_encoderPtr = opus_encoder_create(static_cast<opus_int32>(sampleRate), 1, OPUS_APPLICATION_VOIP, &error);
-    if (error != OPUS_OK)
-        d->m_encoderPtr = nullptr;
+    d->m_encoderPtr = opus::createEncoder(sampleRate);
     SONRA_ASSERT(d->m_encoderPtr);
 }
 
-SonraOpusEncNode::~SonraOpusEncNode()
+SonraOpusEncNode::~SonraOpusEncNode() = default;
+
+int SonraOpusEncNode::setInbandFec(unsigned expectedLossPercent)
 {
-    if (d->m_encoderPtr)
-        opus_encoder_destroy(d->m_encoderPtr);
+    if (!d->m_encoderPtr)
+        return OPUS_INVALID_STATE;
+    if (expectedLossPercent > 100)
+        return OPUS_BAD_ARG;
+    const int percent = static_cast<int>(expectedLossPercent);
+    const int result = opus_encoder_ctl(d->m_encoderPtr.get(), OPUS_SET_PACKET_LOSS_PERC(percent));
+    if (result != OPUS_OK)
+        return result;
+    return opus_encoder_ctl(d->m_encoderPtr.get(), OPUS_SET_INBAND_FEC(percent > 0 ? 1 : 0));
 }
 
 void SonraOpusEncNode::reset(unsigned /*offset*/)
 {
-    if (d->m_encoderPtr)
-        opus_encoder_ctl(d->m_encoderPtr, OPUS_RESET_STATE);
+    opus::resetState(d->m_encoderPtr.get());
 }
 
 boost::shared_ptr<std::vector<char> > SonraOpusEncNode::doProcess()
 {
-    typedef boost::shared_ptr<std::vector<char> > Frame;
+    typedef opus::Frame Frame;
     if (!d->m_encoderPtr)
         return Frame();
     const Frame input = getInputData();
-    if (!input || input->empty() || input->size() > MAX_INPUT_BYTES)
+    if (!opus::isCodable(input))
         return Frame();
 
     // The output can be no longer than the PCM it encodes, which bounds
@@ -67,7 +63,7 @@ boost::shared_ptr<std::vector<char> > SonraOpusEncNode::doProcess()
     while (frameBytes > 0 && remaining >= frameBytes) {
         const opus_int16* pcm = reinterpret_cast<const opus_int16*>(input->data() + (inputLength - remaining));
         unsigned char* packet = reinterpret_cast<unsigned char*>(output->data() + written);
-        const opus_int32 result = opus_encode(d->m_encoderPtr, pcm, frameSamples, packet,
+        const opus_int32 result = opus_encode(d->m_encoderPtr.get(), pcm, frameSamples, packet,
                                               static_cast<opus_int32>(output->size()) - written);
         if (result <= 0)
             break;

@@ -2,6 +2,7 @@
 
 #include "shared.h"
 #include "sonradelayline_p.h"
+#include "sonrarounding_p.h"
 
 #include <boost/make_shared.hpp>
 
@@ -37,17 +38,12 @@ float usableDecay(float decay)
     return std::clamp(decay, -DECAY_LIMIT, DECAY_LIMIT);
 }
 
-// dry + roundf(echoSource x decay), halves away from zero, saturated to 16
-// bits, for a decay within DECAY_LIMIT. Below 2^23 the fraction is exact,
-// so this is roundf() to the bit; above, every float is whole already.
-// Free of branches and float compares-and-selects, so that loops over it
-// vectorise.
+// dry + roundf(echoSource x decay), saturated to 16 bits, for a decay
+// within DECAY_LIMIT (so the echo stays below 2^31 in magnitude). Free of
+// branches and float compares-and-selects, so that loops over it vectorise.
 inline int16_t withEcho(int16_t dry, int16_t echoSource, float decay)
 {
-    const float echo = static_cast<float>(echoSource) * decay;
-    const int32_t whole = static_cast<int32_t>(echo);
-    const float fraction = echo - static_cast<float>(whole);
-    int32_t rounded = whole + (fraction >= 0.5f) - (fraction <= -0.5f);
+    int32_t rounded = rounding::halfAwayFromZero(static_cast<float>(echoSource) * decay);
     rounded = rounded < -ECHO_LIMIT ? -ECHO_LIMIT : (rounded > ECHO_LIMIT ? ECHO_LIMIT : rounded);
     return SonraNode::normalize(rounded + dry);
 }

@@ -1,5 +1,7 @@
 #include "sonraringbuffer.h"
 
+#include "sonracircular_p.h"
+
 #include <boost/circular_buffer.hpp>
 #include <boost/thread/locks.hpp>
 #include <boost/thread/mutex.hpp>
@@ -17,17 +19,6 @@ struct SonraRingBuffer_p {
 namespace {
 
 typedef boost::circular_buffer<char> ByteRing;
-
-// Overwrites the `length` oldest bytes in place, in at most two block
-// copies, one per contiguous piece of storage.
-void overwriteOldest(ByteRing& ring, const char* data, ByteRing::size_type length)
-{
-    const ByteRing::array_range one = ring.array_one();
-    const ByteRing::size_type piece = std::min(length, one.second);
-    std::memcpy(one.first, data, piece);
-    if (length > piece)
-        std::memcpy(ring.array_two().first, data + piece, length - piece);
-}
 
 // Copies the `length` oldest bytes out in at most two block copies.
 void readOldest(const ByteRing& ring, char* data, ByteRing::size_type length)
@@ -105,10 +96,7 @@ void SonraRingBuffer::put(const char* data, unsigned int length)
         return;
     }
     if (ring.full()) {
-        // Overwrite the oldest bytes in place, then let them count as the
-        // newest: rotating a full ring only moves its start.
-        overwriteOldest(ring, data, length);
-        ring.rotate(ring.begin() + length);
+        circular::appendToFull(ring, data, length);
         return;
     }
     const ByteRing::size_type room = capacity - ring.size();

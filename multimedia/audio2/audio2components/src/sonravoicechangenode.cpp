@@ -1,5 +1,7 @@
 #include "sonravoicechangenode.h"
 
+#include "sonrarounding_p.h"
+
 #include <SoundTouch.h>
 
 #include <boost/make_shared.hpp>
@@ -59,16 +61,6 @@ inline float scaledAndSaturated(float sample)
     return atLeastLowest < 32767.0f ? atLeastLowest : 32767.0f;
 }
 
-// roundf() of a value inside the 16-bit range: the fraction of a float
-// below 2^23 is exact, and twice it truncates to -1, 0 or 1 just where
-// rounding half away from zero moves away from the whole part.
-inline int16_t roundedPcm(float value)
-{
-    const int32_t whole = static_cast<int32_t>(value);
-    const float fraction = value - static_cast<float>(whole);
-    return static_cast<int16_t>(whole + static_cast<int32_t>(fraction * 2.0f));
-}
-
 // Saturates `in` in place first, then rounds: two passes, because the
 // compiler vectorises each alone but not the two fused.
 void fromShifter(float* __restrict in, int16_t* __restrict out, std::size_t count)
@@ -76,7 +68,7 @@ void fromShifter(float* __restrict in, int16_t* __restrict out, std::size_t coun
     for (std::size_t k = 0; k < count; ++k)
         in[k] = scaledAndSaturated(in[k]);
     for (std::size_t k = 0; k < count; ++k)
-        out[k] = roundedPcm(in[k]);
+        out[k] = static_cast<int16_t>(rounding::halfAwayFromZero(in[k]));
 }
 
 // Hands the shifter `frames` sample frames of `channels` samples each.

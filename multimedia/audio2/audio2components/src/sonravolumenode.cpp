@@ -35,7 +35,7 @@ bool withinLevels(const int16_t* samples, std::size_t count, limiter::Levels lev
 void scaleBlock(const int16_t* samples, unsigned count, float volume, int32_t* scaled)
 {
     for (unsigned k = 0; k < count; ++k)
-        scaled[k] = limiter::roundToIntInRange(static_cast<float>(samples[k]) * volume);
+        scaled[k] = rounding::halfAwayFromZero(static_cast<float>(samples[k]) * volume);
 }
 
 void scaleBlockSaturating(const int16_t* samples, unsigned count, float volume, int32_t* scaled)

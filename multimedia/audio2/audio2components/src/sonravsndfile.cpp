@@ -1,0 +1,9 @@
+#include "sonravsndfile.h"
+
+namespace ombrel {
+
+SonraVSndFileVfs::~SonraVSndFileVfs() = default;
+
+SonraVSndFile::~SonraVSndFile() = default;
+
+} // namespace ombrel

@@ -1,0 +1,390 @@
+// The file reader, writer and play nodes, on files libsndfile makes here,
+// judged against libsndfile's own decoding, SpeexDSP run in one piece, and
+// soxi and sox on what the writer recorded.
+#include "sonrafileplaynode.h"
+#include "sonrafilereadernode.h"
+#include "sonrafilewriternode.h"
+#include "sonramemoryvsndfilevfs.h"
+#include "sonraplainvsndfilevfs.h"
+#include "shared.h"
+#include "signalutil.h"
+
+#include <speex/speex_resampler.h>
+
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <iterator>
+
+using namespace ombrel;
+using namespace sonratest;
+
+// libsndfile leaks the Vorbis and Ogg states it made when opening a corrupt
+// Ogg file fails, or when closing one whose writes failed; the leaks are
+// its own, made inside those codec libraries.
+extern "C" const char* __lsan_default_suppressions() { return "leak:libvorbis.so\nleak:libogg.so\n"; }
+
+namespace {
+
+const unsigned RATE = 16000; // Hz of the graph, 20 ms frames
+
+std::string temp(const std::string& name) { return testing::TempDir() + "sonra_files_" + name; }
+
+// Writes interleaved `samples` as a sound file; returns its path.
+std::string soundFile(const std::string& name, int format, int rate, int channels, const std::vector<int16_t>& samples)
+{
+    SF_INFO info = SF_INFO();
+    info.samplerate = rate, info.channels = channels, info.format = format;
+    SNDFILE* file = sf_open(temp(name).c_str(), SFM_WRITE, &info);
+    sf_writef_short(file, samples.data(), samples.size() / channels);
+    sf_close(file);
+    return temp(name);
+}
+
+std::vector<char> bytesOf(const std::string& path)
+{
+    std::ifstream in(path, std::ios::binary);
+    return std::vector<char>(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+
+// What libsndfile decodes from `path`, interleaved.
+std::vector<int16_t> decoded(const std::string& path)
+{
+    SF_INFO info = SF_INFO();
+    SNDFILE* file = sf_open(path.c_str(), SFM_READ, &info);
+    std::vector<int16_t> samples(info.frames * info.channels);
+    sf_readf_short(file, samples.data(), info.frames);
+    sf_close(file);
+    return samples;
+}
+
+// Warnings on "audio2" while alive.
+struct Warnings {
+    Warnings() { setLogSink([this](const LogRecord& r) { if (r.category == "audio2") texts.push_back(r.text); }); }
+    ~Warnings() { setLogSink(LogSink()); }
+    std::vector<std::string> texts;
+};
+
+// A source node alone in a pipe, stepped frame by frame.
+template <class Node>
+struct Source {
+    template <class... Args>
+    explicit Source(unsigned rate, Args... args)
+        : pipe(boost::make_shared<SonraPipe>(20)), node(boost::make_shared<Node>(ioService(), args..., 20, rate)) { pipe->addNode(node); }
+    ~Source() { pipe->clear(); }
+    Frame step() { return pipe->processFrame(), node->outputData(); }
+    // The samples of up to `frames` frames, until the first empty one; each
+    // frame must hold `bytes`.
+    std::vector<int16_t> play(int frames, std::size_t bytes)
+    {
+        std::vector<int16_t> out;
+        for (Frame frame; frames-- > 0 && (frame = step());) {
+            EXPECT_EQ(bytes, frame->size()) << "frame " << out.size() * 2 / bytes;
+            out.insert(out.end(), reinterpret_cast<int16_t*>(frame->data()), reinterpret_cast<int16_t*>(frame->data() + bytes));
+        }
+        return out;
+    }
+    // Detaches and destroys the node.
+    void drop() { pipe->clear(), pipe = boost::make_shared<SonraPipe>(20), node.reset(); }
+    std::vector<int> codes; // what the completion callback received; outlives the node
+    boost::shared_ptr<SonraPipe> pipe;
+    boost::shared_ptr<Node> node;
+};
+
+struct Reader : Source<SonraFileReaderNode> {
+    explicit Reader(boost::shared_ptr<SonraVSndFileVfs> vfs = boost::make_shared<SonraPlainVSndFileVfs>(), unsigned rate = RATE)
+        : Source(rate) { node->setVSndFile(vfs); }
+    int start(const std::string& name) { return node->start(name, channels, duration, [this](int c) { codes.push_back(c); }); }
+    unsigned channels = 0, duration = 0;
+};
+
+struct Player : Source<SonraFilePlayNode> {
+    Player() : Source(RATE, SonraFilePlayNode::DEFAULT_MAX_FILESIZE) {}
+    // The callback records `tag`.
+    int start(const std::string& name, bool loop = false, int tag = 0) { return node->start(name, channels, [this, tag] { codes.push_back(tag); }, loop); }
+    unsigned channels = 0;
+};
+
+// `size` samples: first + 1, first + 2... for `count` of them, then silence.
+std::vector<int16_t> rampFrame(int first, int count = 320, int size = 320)
+{
+    std::vector<int16_t> frame(size);
+    for (int i = 0; i < count; ++i)
+        frame[i] = int16_t(first + i + 1);
+    return frame;
+}
+
+// 1000 mono frames at the graph's rate: 1, 2, 3...
+std::string rampFile() { return soundFile("ramp.wav", SF_FORMAT_WAV | SF_FORMAT_PCM_16, RATE, 1, rampFrame(0, 1000, 1000)); }
+
+// `in` converted to the graph's rate by one uninterrupted SpeexDSP run.
+std::vector<int16_t> speexRun(const std::vector<int16_t>& in, int rate, int channels)
+{
+    std::vector<int16_t> out(in.size() * 2 * RATE / rate + 64);
+    SpeexResamplerState* whole = speex_resampler_init(channels, rate, RATE, 5, nullptr);
+    spx_uint32_t inLen = in.size() / channels, outLen = out.size() / channels;
+    speex_resampler_process_interleaved_int(whole, in.data(), &inLen, out.data(), &outLen);
+    speex_resampler_destroy(whole);
+    out.resize(outLen * channels);
+    return out;
+}
+
+// Samples, channels and rate that soxi reads from `path`.
+std::string soxi(const std::string& path)
+{
+    std::string out;
+    FILE* pipe = popen(("echo $(soxi -s " + path + ") $(soxi -c " + path + ") $(soxi -r " + path + ")").c_str(), "r");
+    for (int c; pipe && (c = std::fgetc(pipe)) != EOF;)
+        out += char(c);
+    return pipe && pclose(pipe) == 0 ? out : "";
+}
+
+// A memory file that takes no byte: every write fails.
+struct FullDisk : SonraMemoryVSndFileVfs {
+    boost::shared_ptr<SF_VIRTUAL_IO> virtualIo() override
+    {
+        auto io = boost::make_shared<SF_VIRTUAL_IO>(*SonraMemoryVSndFileVfs::virtualIo());
+        io->write = [](const void*, sf_count_t, void*) -> sf_count_t { return 0; };
+        return io;
+    }
+};
+
+struct FileCase { const char* name; int format, rate, channels; };
+
+class ReaderFormats : public testing::TestWithParam<FileCase> {};
+
+} // namespace
+
+// 1.5 s of two tones in each format and rate, read through a memory file:
+// the output is, sample for sample, libsndfile's decoding converted by one
+// uninterrupted SpeexDSP run (quality 5) with silence after the end, so that
+// blocks that do not fit the graph frame (11025 and 22025 Hz) lose or repeat
+// nothing; every frame is full; the end comes where the file does.
+TEST_P(ReaderFormats, MatchesOneSpeexRunFrameByFrame)
+{
+    const FileCase c = GetParam();
+    std::vector<int16_t> tones = interleave(sine(440, c.rate, c.rate * 3 / 2), sine(1250, c.rate, c.rate * 3 / 2, 5000));
+    if (c.channels == 1)
+        tones = sine(440, c.rate, c.rate * 3 / 2);
+    const std::string path = soundFile(c.name, c.format, c.rate, c.channels, tones);
+    std::vector<int16_t> reference = decoded(path);
+    reference.resize(reference.size() + 4 * c.rate / 50 * c.channels);
+    if (c.rate != int(RATE))
+        reference = speexRun(reference, c.rate, c.channels);
+    Reader reader(boost::make_shared<SonraMemoryVSndFileVfs>("f", bytesOf(path)));
+    ASSERT_EQ(0, reader.start("f"));
+    EXPECT_EQ(unsigned(c.channels), reader.channels);
+    EXPECT_EQ(1u, reader.duration);
+    const std::vector<int16_t> out = reader.play(1000, 640 * c.channels);
+    EXPECT_EQ(std::vector<int>{-4}, reader.codes);
+    EXPECT_NEAR(out.size() / c.channels / 320.0, 75.0, 1.0) << "frames for 1.5 s";
+    reference.resize(std::min(out.size(), reference.size()));
+    EXPECT_EQ(reference, out);
+}
+
+INSTANTIATE_TEST_SUITE_P(Files, ReaderFormats, testing::Values(
+    FileCase{"wav16k", SF_FORMAT_WAV | SF_FORMAT_PCM_16, 16000, 1}, FileCase{"wav48kStereo", SF_FORMAT_WAV | SF_FORMAT_PCM_16, 48000, 2},
+    FileCase{"flac44k", SF_FORMAT_FLAC | SF_FORMAT_PCM_16, 44100, 1}, FileCase{"vorbis11k", SF_FORMAT_OGG | SF_FORMAT_VORBIS, 11025, 1},
+    FileCase{"aiff8kStereo", SF_FORMAT_AIFF | SF_FORMAT_PCM_16, 8000, 2}, FileCase{"wav22025", SF_FORMAT_WAV | SF_FORMAT_PCM_16, 22025, 1}),
+    [](const testing::TestParamInfo<FileCase>& info) { return std::string(info.param.name); });
+
+// The last block is padded, the next frame stops with -4, as do a new start()
+// and the destructor; pause() holds the position; a refused name (-1)
+// installs no callback; libsndfile's refusal (-2) is logged and keeps it;
+// files without frames or too slow for one a graph frame stop with -2.
+TEST(FileReader, PlaysPadsStopsAndRefuses)
+{
+    const std::string ramp = rampFile();
+    Reader reader;
+    ASSERT_EQ(0, reader.start(ramp));
+    EXPECT_EQ(rampFrame(0, 1000, 1280), reader.play(4, 640)) << "280 samples of silence at the end";
+    EXPECT_EQ(std::vector<int>{}, reader.codes);
+    EXPECT_FALSE(reader.step());
+    EXPECT_EQ(std::vector<int>{-4}, reader.codes);
+    EXPECT_EQ("", reader.node->fileName());
+
+    ASSERT_EQ(0, reader.start(ramp));
+    reader.step();
+    ASSERT_EQ(0, reader.start(ramp));
+    EXPECT_EQ((std::vector<int>{-4, -4}), reader.codes) << "the first file ended";
+    reader.step();
+    reader.node->pause();
+    EXPECT_FALSE(reader.step());
+    reader.node->resume();
+    EXPECT_EQ(rampFrame(320), samplesOf(reader.step()));
+
+    EXPECT_EQ(-1, reader.start(temp("missing.wav")));
+    EXPECT_EQ(3u, reader.codes.size());
+    std::ofstream(temp("text.wav")) << "no sound in here";
+    Warnings warnings;
+    EXPECT_EQ(-2, reader.start(temp("text.wav")));
+    EXPECT_EQ(std::vector<std::string>{"Sound file reader failed to open sndfile: " + std::string(sf_strerror(nullptr))},
+              warnings.texts);
+    EXPECT_EQ(3u, reader.codes.size());
+    EXPECT_EQ(-2, reader.start(soundFile("empty.wav", SF_FORMAT_WAV | SF_FORMAT_PCM_16, RATE, 1, {})));
+    EXPECT_EQ(-2, reader.start(soundFile("40hz.wav", SF_FORMAT_WAV | SF_FORMAT_PCM_16, 40, 1, rampFrame(0))));
+    EXPECT_FALSE(reader.step());
+    ASSERT_EQ(0, reader.start(ramp));
+    reader.drop();
+    EXPECT_EQ((std::vector<int>{-4, -4, -4, -4, -2, -2, -4}), reader.codes) << "the last by the destructor";
+}
+
+// seek(3) on a 44.1 kHz file moves to frame 132300; past the end it changes nothing.
+TEST(FileReader, SeeksInWholeSeconds)
+{
+    const std::vector<int16_t> samples = rampFrame(0, 4 * 44100, 4 * 44100);
+    Reader reader(boost::make_shared<SonraPlainVSndFileVfs>(), 44100);
+    ASSERT_EQ(0, reader.start(soundFile("44k.wav", SF_FORMAT_WAV | SF_FORMAT_PCM_16, 44100, 1, samples)));
+    reader.step();
+    reader.node->seek(3);
+    EXPECT_EQ(slice(samples, 132300, 882), samplesOf(reader.step()));
+    reader.node->seek(5);
+    EXPECT_EQ(slice(samples, 132300 + 882, 882), samplesOf(reader.step()));
+}
+
+// 2 s recorded as Ogg Vorbis: soxi finds 32000 mono frames at 16000 Hz and
+// sox decodes the tone back. 641 bytes write 320 frames, 1280 stereo bytes
+// 320; a new start() finishes the file; paused frames are not written; a
+// recording in memory reads back; a failed write stops.
+TEST(FileWriter, RecordsOggVorbisThatSoxReadsBack)
+{
+    NodeGraph<SonraFileWriterNode> graph(boost::make_shared<SonraFileWriterNode>(ioService(), 20, RATE), RATE);
+    SonraFileWriterNode& writer = *graph.node;
+    writer.setVSndFile(boost::make_shared<SonraPlainVSndFileVfs>());
+    const std::vector<int16_t> mono = sine(440, RATE, 32000), tones = interleave(mono, sine(1700, RATE, 32000));
+    ASSERT_EQ(0, writer.start(temp("rec.ogg"), 1));
+    EXPECT_EQ(std::vector<int16_t>{}, graph.runAll(mono, 320)) << "a sink";
+    writer.stop();
+    const std::vector<std::string> counts = {"32000 1 16000\n", "31999 1 16000\n", "32001 1 16000\n"};
+    EXPECT_NE(counts.end(), std::find(counts.begin(), counts.end(), soxi(temp("rec.ogg")))) << soxi(temp("rec.ogg"));
+    const std::vector<int16_t> back = readPipe("sox " + temp("rec.ogg") + " -t raw -e signed -b 16 -");
+    ASSERT_GE(back.size(), 31999u);
+    double both = 0, in = 0, out = 0;
+    for (std::size_t i = 0; i < 31999; ++i)
+        both += double(mono[i]) * back[i], in += double(mono[i]) * mono[i], out += double(back[i]) * back[i];
+    EXPECT_GT(both / std::sqrt(in * out), 0.98);
+
+    ASSERT_EQ(0, writer.start(temp("odd.ogg"), 1));
+    graph.run(boost::make_shared<std::vector<char> >(641, 0));
+    ASSERT_EQ(0, writer.start(temp("stereo.ogg"), 2));
+    EXPECT_EQ("320 1 16000\n", soxi(temp("odd.ogg"))) << "finished by the new start()";
+    graph.runAll(slice(tones, 0, 6400), 640), writer.pause();
+    graph.runAll(slice(tones, 0, 6400), 640), writer.resume();
+    graph.runAll(slice(tones, 0, 3200), 640), writer.stop();
+    EXPECT_EQ("4800 2 16000\n", soxi(temp("stereo.ogg")));
+
+    auto memory = boost::make_shared<SonraMemoryVSndFileVfs>();
+    writer.setVSndFile(memory);
+    ASSERT_EQ(0, writer.start("call.ogg", 1));
+    graph.runAll(mono, 320), writer.stop();
+    Reader reader(memory);
+    ASSERT_EQ(0, reader.start("call.ogg"));
+    EXPECT_EQ(2u, reader.duration);
+
+    Warnings warnings;
+    EXPECT_EQ(-1, writer.start("zero.ogg", 0));
+    const std::string refusal = "Sound file writer failed to open sndfile: " + std::string(sf_strerror(nullptr));
+    writer.setVSndFile(boost::make_shared<FullDisk>());
+    ASSERT_EQ(0, writer.start("full.ogg", 1));
+    graph.run(frameOf(mono));
+    EXPECT_EQ("", writer.fileName()) << "stopped by the failed write";
+    EXPECT_EQ((std::vector<std::string>{refusal, "Audio2 file writer failed to write data"}), warnings.texts);
+    writer.setVSndFile(boost::make_shared<SonraPlainVSndFileVfs>());
+    EXPECT_EQ(-1, writer.start(temp("no/such/dir.ogg"), 1));
+}
+
+// Three frames, none for the tail, then a stop (callback once, also after a
+// second stop()) or, looping, the first frame again. reset() rewinds; a new
+// start() drops the old callback.
+TEST(FilePlay, PlaysOnceOrInALoop)
+{
+    const std::string ramp = rampFile();
+    for (bool loop : {false, true}) {
+        Player player;
+        ASSERT_EQ(0, player.start(ramp, loop));
+        EXPECT_EQ(rampFrame(0, 960, 960), player.play(4, 640)) << "the 80-byte tail is not output";
+        EXPECT_EQ(loop ? rampFrame(0) : std::vector<int16_t>{}, samplesOf(player.step()));
+        EXPECT_EQ(loop ? std::vector<int>{} : std::vector<int>{0}, player.codes);
+        player.node->stop();
+        player.node->stop();
+        EXPECT_EQ(std::vector<int>{0}, player.codes);
+    }
+    Player player;
+    ASSERT_EQ(0, player.start(ramp, false, 1));
+    player.step();
+    player.node->reset(0);
+    EXPECT_EQ(rampFrame(0), samplesOf(player.step()));
+    ASSERT_EQ(0, player.start(ramp, true, 2));
+    player.drop();
+    EXPECT_EQ(std::vector<int>{2}, player.codes) << "the new callback, by the destructor";
+}
+
+// 1000 stereo frames at 8 kHz become SpeexDSP's one-pass conversion padded
+// with silence to seven whole frames, so the loop wraps without a gap.
+TEST(FilePlay, ConvertsAndPadsForSeamlessLoops)
+{
+    const std::vector<int16_t> tones = interleave(sine(300, 8000, 1000), sine(700, 8000, 1000));
+    std::vector<int16_t> converted = speexRun(tones, 8000, 2);
+    converted.resize(7 * 640); // about 2000 frames, then silence
+    Player player;
+    ASSERT_EQ(0, player.start(soundFile("8k.wav", SF_FORMAT_WAV | SF_FORMAT_PCM_16, 8000, 2, tones), true));
+    const std::vector<int16_t> out = player.play(8, 1280);
+    EXPECT_EQ(converted, slice(out, 0, 7 * 640));
+    EXPECT_EQ(slice(out, 0, 640), slice(out, 7 * 640, 640));
+}
+
+// The size limit holds to the byte; missing -4, not audio -3 (logged with
+// libsndfile's text), a directory -2, a name the virtual file refuses -2.
+// A failed start() leaves the node silent.
+TEST(FilePlay, ResultCodes)
+{
+    const std::string big = soundFile("1mib.wav", SF_FORMAT_WAV | SF_FORMAT_PCM_16, RATE, 1,
+                                      std::vector<int16_t>((1048576 - 44) / 2, 100));
+    ASSERT_EQ(1048576u, bytesOf(big).size());
+    Player player;
+    EXPECT_EQ(0, player.start(big));
+    EXPECT_TRUE(player.step());
+    std::ofstream(big, std::ios::app) << 'x';
+    EXPECT_EQ(-1, player.start(big));
+    EXPECT_FALSE(player.step());
+    EXPECT_EQ(-4, player.start(temp("missing.wav")));
+    EXPECT_EQ(-2, player.start(testing::TempDir()));
+    std::ofstream(temp("text.wav")) << "no sound in here";
+    Warnings warnings;
+    EXPECT_EQ(-3, player.start(temp("text.wav")));
+    EXPECT_EQ(std::vector<std::string>{"SonraFilePlayNode::start: failed to open sndfile: " + std::string(sf_strerror(nullptr))},
+              warnings.texts);
+    auto memory = boost::make_shared<SonraMemoryVSndFileVfs>("ramp", bytesOf(rampFile()));
+    player.node->setVSndFile(memory.get());
+    EXPECT_EQ(-2, player.start("other"));
+    EXPECT_EQ(0, player.start("ramp"));
+    EXPECT_EQ(rampFrame(0), samplesOf(player.step()));
+    EXPECT_EQ(std::vector<int>{}, player.codes);
+}
+
+// Every format cut short, cut to its header, or with bytes overwritten: a
+// result code, and if the file plays, whole frames until it ends.
+TEST(FileNodes, CorruptAndTruncatedFilesNeverCrash)
+{
+    const std::vector<int16_t> tone = interleave(sine(440, 44100, 8000), sine(660, 44100, 8000));
+    Warnings quiet;
+    for (int format : {SF_FORMAT_WAV | SF_FORMAT_PCM_16, SF_FORMAT_FLAC | SF_FORMAT_PCM_16,
+                       SF_FORMAT_OGG | SF_FORMAT_VORBIS, SF_FORMAT_AIFF | SF_FORMAT_PCM_16}) {
+        const std::vector<char> good = bytesOf(soundFile("good", format, 44100, 2, tone));
+        for (int variant = 0; variant < 5; ++variant) {
+            std::vector<char> bad(good.begin(), good.begin() + std::vector<std::size_t>{good.size() / 2, 60, 12, good.size(), good.size()}[variant]);
+            for (std::size_t i = 40; variant >= 3 && i < bad.size(); i += variant == 3 ? 97 : 7)
+                bad[i] = char(bad[i] * 31 + 7);
+            auto memory = boost::make_shared<SonraMemoryVSndFileVfs>("bad", bad);
+            Reader reader(memory);
+            const int read = reader.start("bad");
+            EXPECT_TRUE(read == 0 || read == -2) << format << " " << variant;
+            reader.play(1000, 640 * reader.channels);
+            Player player;
+            player.node->setVSndFile(memory.get());
+            const int played = player.start("bad", true);
+            EXPECT_TRUE(played == 0 || played == -3) << format << " " << variant;
+            player.play(20, 1280); // converted, stereo, padded to whole frames
+        }
+    }
+}

@@ -1,0 +1,187 @@
+// RTP packet layout, sender numbering and SSRC, receiver filtering and the
+// jitter buffer's loss behaviour, node by node through a pipe.
+#include "codecutil.h"
+#include "shared.h"
+#include "sonrartppacket.h"
+#include "sonrartpreceivernode.h"
+#include "sonrartpsendernode.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <ctime>
+
+using namespace ombrel;
+using codectest::Frame;
+using codectest::bytesFrame;
+using codectest::bytesOf;
+typedef std::vector<unsigned char> Bytes;
+
+namespace {
+
+Bytes header(unsigned seq, unsigned ts, unsigned ssrc)
+{
+    return {0x80, 0x08, Bytes::value_type(seq >> 8), Bytes::value_type(seq), Bytes::value_type(ts >> 24),
+            Bytes::value_type(ts >> 16), Bytes::value_type(ts >> 8), Bytes::value_type(ts),
+            Bytes::value_type(ssrc >> 24), Bytes::value_type(ssrc >> 16), Bytes::value_type(ssrc >> 8),
+            Bytes::value_type(ssrc)};
+}
+
+Bytes packetOf(unsigned seq, unsigned ts, Bytes payload, unsigned char byte0 = 0x80, unsigned char byte1 = 0x08)
+{
+    payload.insert(payload.begin(), 12, 0);
+    const Bytes fixed = header(seq, ts, 1);
+    std::copy(fixed.begin(), fixed.end(), payload.begin());
+    payload[0] = byte0;
+    payload[1] = byte1;
+    return payload;
+}
+
+// What a sender hands to its handler, frame by frame.
+struct SenderRig : codectest::Harness<SonraRtpSenderNode> {
+    SenderRig(unsigned rate = 8000) : Harness(20, rate)
+    {
+        node->setSendHandler([this](Frame packet) { sent.push_back(bytesOf(packet)); });
+    }
+    std::vector<Bytes> sent;
+};
+
+unsigned ssrcOfNewSender()
+{
+    SenderRig rig;
+    rig.run(bytesFrame({1}));
+    return SonraRtpPacket(bytesFrame(rig.sent.at(0))).ssrc();
+}
+
+} // namespace
+
+TEST(RtpPacket, BuildsTheFixedHeaderInPlaceAndParsesFromByteTwelve)
+{
+    for (int ignored : {0, 8, 96, -1}) {
+        const Frame frame = bytesFrame(Bytes(160, 0x55));
+        const SonraRtpPacket packet(frame, 65537, 1000, 7, ignored);
+        Bytes expected = header(1, 1000, 7);
+        expected.insert(expected.end(), 160, 0x55);
+        EXPECT_EQ(expected, bytesOf(frame));
+        EXPECT_EQ(1u, packet.seqNum());
+        EXPECT_EQ(1000u, packet.timeStamp());
+        EXPECT_EQ(7u, packet.ssrc());
+    }
+    const SonraRtpPacket big(bytesFrame(header(0xfedc, 0x89abcdef, 0xfffffffe)));
+    EXPECT_EQ(0xfedcu, big.seqNum());
+    EXPECT_EQ(0x89abcdefu, big.timeStamp());
+    EXPECT_EQ(0xfffffffeu, big.ssrc());
+    const SonraRtpPacket csrcs(bytesFrame(packetOf(1, 0, {0, 0, 0, 9, 0, 0, 0, 10, 0x55}, 0x82, 0x88)));
+    EXPECT_EQ(8u, csrcs.payloadType());
+    EXPECT_EQ(9, csrcs.m_payload[3]);
+    EXPECT_EQ(csrcs.m_data->data() + 12, csrcs.m_payload);
+}
+
+TEST(RtpSender, NumbersPacketsAndStampsThemInSamples)
+{
+    for (unsigned rate : {8000u, 16000u}) {
+        SenderRig rig(rate);
+        rig.node->setPayloadType(96);
+        rig.run(bytesFrame({1, 2}));
+        rig.run(Frame());
+        rig.run(bytesFrame({}));
+        rig.run(bytesFrame({3}));
+        ASSERT_EQ(2u, rig.sent.size());
+        const unsigned ssrc = SonraRtpPacket(bytesFrame(rig.sent[0])).ssrc();
+        Bytes first = header(1, 0, ssrc), second = header(2, 3 * rate / 50, ssrc);
+        first.insert(first.end(), {1, 2});
+        second.push_back(3);
+        EXPECT_EQ(first, rig.sent[0]);
+        EXPECT_EQ(second, rig.sent[1]); // empty frames take no number, ticks still count
+        rig.node->reset(5);
+        rig.run(bytesFrame({4}));
+        EXPECT_EQ(4 * rate / 50 + 5, SonraRtpPacket(bytesFrame(rig.sent[2])).timeStamp());
+        rig.node->clearSendHandler();
+        rig.run(bytesFrame({5}));
+        EXPECT_EQ(3u, rig.sent.size());
+    }
+    SenderRig rig;
+    for (unsigned i = 0; i < 65537; ++i)
+        rig.run(bytesFrame({1}));
+    for (unsigned i : {65533u, 65534u, 65535u, 65536u})
+        EXPECT_EQ((i + 1) % 65536, SonraRtpPacket(bytesFrame(rig.sent[i])).seqNum());
+}
+
+TEST(RtpSender, DrawsTheSsrcFromTimeAndTheReseededGenerator)
+{
+    for (;;) {
+        const std::time_t now = std::time(0);
+        ssrcOfNewSender();
+        const unsigned second = ssrcOfNewSender(), third = ssrcOfNewSender();
+        std::srand(static_cast<unsigned>(now));
+        const uint32_t r = (uint32_t(std::rand()) << 16) + uint32_t(std::rand());
+        unsigned char block[8], digest[16];
+        for (unsigned i = 0; i < 4; ++i) {
+            block[i] = static_cast<unsigned char>(uint32_t(now) >> (8 * i));
+            block[4 + i] = static_cast<unsigned char>(r >> (8 * i));
+        }
+        MD5_CTX context;
+        MD5Init(&context);
+        MD5Update(&context, block, 8);
+        MD5Final(digest, &context);
+        uint32_t folded = 0;
+        for (unsigned i = 0; i < 12; ++i)
+            folded ^= uint32_t(digest[i]) << (8 * (i % 4));
+        if (std::time(0) != now)
+            continue; // a second boundary fell between the draws
+        EXPECT_EQ(second, third);
+        EXPECT_EQ(folded, second);
+        return;
+    }
+}
+
+struct ReceiverRig : codectest::Harness<SonraRtpReceiverNode> {
+    ReceiverRig() : Harness(20, 8000) {}
+    std::vector<Bytes> feed(const std::vector<Bytes>& datagrams, unsigned frames)
+    {
+        for (const Bytes& datagram : datagrams)
+            node->dataReceived(bytesFrame(datagram));
+        std::vector<Bytes> out;
+        for (unsigned i = 0; i < frames; ++i)
+            if (const Frame frame = run(Frame()))
+                out.push_back(bytesOf(frame));
+        return out;
+    }
+};
+
+TEST(RtpReceiver, DeliversItsTypeWhateverTheHeaderBitsAndDropsTheRest)
+{
+    ReceiverRig rig;
+    EXPECT_TRUE(rig.feed({}, 3).empty());
+    rig.node->dataReceived(Frame());
+    const Bytes big(2048, 2), tooBig(2049, 3), csrcWord = {0, 0, 0, 9};
+    const std::vector<Bytes> out = rig.feed(
+        {packetOf(1, 0, {1}), Bytes(11, 0x80), packetOf(2, 160, {4}, 0x80, 0x00), packetOf(2, 160, tooBig),
+         packetOf(2, 160, csrcWord, 0xb1, 0x88), packetOf(3, 320, big), packetOf(4, 480, {})},
+        12);
+    EXPECT_EQ((std::vector<Bytes>{{1}, csrcWord, big, {}}), out);
+
+    rig.node->reset(0);
+    EXPECT_TRUE(rig.feed({}, 3).empty());
+    rig.node->setPayloadType(0);
+    EXPECT_EQ(std::vector<Bytes>{{5}}, rig.feed({packetOf(9, 1440, {6}), packetOf(9, 1440, {5}, 0x80, 0)}, 10));
+}
+
+TEST(RtpReceiver, OneLostPacketCostsTwentyFramesUnlessConcealed)
+{
+    const struct {
+        bool concealment;
+        unsigned delivered; // of 196 sent
+    } cases[] = {{false, 116}, {true, 196}};
+    for (const auto& c : cases) {
+        ReceiverRig rig;
+        rig.node->setLossConcealment(c.concealment);
+        unsigned delivered = 0;
+        for (unsigned seq = 0; seq < 230; ++seq) {
+            const bool lost = (seq % 40 == 20 && seq < 160) || seq >= 200; // 4 of 200
+            delivered += rig.feed(lost ? std::vector<Bytes>() : std::vector<Bytes>{packetOf(seq, seq * 160, {1})}, 1)
+                             .size();
+        }
+        EXPECT_EQ(c.delivered, delivered) << c.concealment;
+    }
+}
