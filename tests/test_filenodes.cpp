@@ -7,7 +7,7 @@
 #include "sonramemoryvsndfilevfs.h"
 #include "sonraplainvsndfilevfs.h"
 #include "shared.h"
-#include "signalutil.h"
+#include "testutil.h"
 
 #include <speex/speex_resampler.h>
 
@@ -248,16 +248,16 @@ TEST(FileReader, SeeksInWholeSeconds)
 // recording in memory reads back; a failed write stops.
 TEST(FileWriter, RecordsOggVorbisThatSoxReadsBack)
 {
-    NodeGraph<SonraFileWriterNode> graph(boost::make_shared<SonraFileWriterNode>(ioService(), 20, RATE), RATE);
+    NodeGraph<SonraFileWriterNode> graph(20, RATE);
     SonraFileWriterNode& writer = *graph.node;
     writer.setVSndFile(boost::make_shared<SonraPlainVSndFileVfs>());
     const std::vector<int16_t> mono = sine(440, RATE, 32000), tones = interleave(mono, sine(1700, RATE, 32000));
     ASSERT_EQ(0, writer.start(temp("rec.ogg"), 1));
-    EXPECT_EQ(std::vector<int16_t>{}, graph.runAll(mono, 320)) << "a sink";
+    EXPECT_EQ(std::vector<int16_t>{}, graph.runInPieces(mono, {320})) << "a sink";
     writer.stop();
     const std::vector<std::string> counts = {"32000 1 16000\n", "31999 1 16000\n", "32001 1 16000\n"};
     EXPECT_NE(counts.end(), std::find(counts.begin(), counts.end(), soxi(temp("rec.ogg")))) << soxi(temp("rec.ogg"));
-    const std::vector<int16_t> back = readPipe("sox " + temp("rec.ogg") + " -t raw -e signed -b 16 -");
+    const std::vector<int16_t> back = shell("sox " + temp("rec.ogg") + " -t raw -e signed -b 16 -").values<int16_t>();
     ASSERT_GE(back.size(), 31999u);
     double both = 0, in = 0, out = 0;
     for (std::size_t i = 0; i < 31999; ++i)
@@ -265,18 +265,18 @@ TEST(FileWriter, RecordsOggVorbisThatSoxReadsBack)
     EXPECT_GT(both / std::sqrt(in * out), 0.98);
 
     ASSERT_EQ(0, writer.start(temp("odd.ogg"), 1));
-    graph.run(boost::make_shared<std::vector<char> >(641, 0));
+    graph.step(boost::make_shared<std::vector<char> >(641, 0));
     ASSERT_EQ(0, writer.start(temp("stereo.ogg"), 2));
     EXPECT_EQ("320 1 16000\n", soxi(temp("odd.ogg"))) << "finished by the new start()";
-    graph.runAll(slice(tones, 0, 6400), 640), writer.pause();
-    graph.runAll(slice(tones, 0, 6400), 640), writer.resume();
-    graph.runAll(slice(tones, 0, 3200), 640), writer.stop();
+    graph.runInPieces(slice(tones, 0, 6400), {640}), writer.pause();
+    graph.runInPieces(slice(tones, 0, 6400), {640}), writer.resume();
+    graph.runInPieces(slice(tones, 0, 3200), {640}), writer.stop();
     EXPECT_EQ("4800 2 16000\n", soxi(temp("stereo.ogg")));
 
     auto memory = boost::make_shared<SonraMemoryVSndFileVfs>();
     writer.setVSndFile(memory);
     ASSERT_EQ(0, writer.start("call.ogg", 1));
-    graph.runAll(mono, 320), writer.stop();
+    graph.runInPieces(mono, {320}), writer.stop();
     Reader reader(memory);
     ASSERT_EQ(0, reader.start("call.ogg"));
     EXPECT_EQ(2u, reader.duration);
@@ -286,7 +286,7 @@ TEST(FileWriter, RecordsOggVorbisThatSoxReadsBack)
     const std::string refusal = "Sound file writer failed to open sndfile: " + std::string(sf_strerror(nullptr));
     writer.setVSndFile(boost::make_shared<FullDisk>());
     ASSERT_EQ(0, writer.start("full.ogg", 1));
-    graph.run(frameOf(mono));
+    graph.step(frameOf(mono));
     EXPECT_EQ("", writer.fileName()) << "stopped by the failed write";
     EXPECT_EQ((std::vector<std::string>{refusal, "Audio2 file writer failed to write data"}), warnings.texts);
     writer.setVSndFile(boost::make_shared<SonraPlainVSndFileVfs>());

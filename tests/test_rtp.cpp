@@ -1,6 +1,6 @@
 // RTP packet layout, sender numbering and SSRC, receiver filtering and the
 // jitter buffer's loss behaviour, node by node through a pipe.
-#include "codecutil.h"
+#include "testutil.h"
 #include "shared.h"
 #include "sonrartppacket.h"
 #include "sonrartpreceivernode.h"
@@ -12,10 +12,10 @@
 #include <ctime>
 
 using namespace ombrel;
-using codectest::Frame;
-using codectest::bytesFrame;
-using codectest::bytesOf;
-typedef std::vector<unsigned char> Bytes;
+using sonratest::Bytes;
+using sonratest::Frame;
+using sonratest::bytesFrame;
+using sonratest::bytesOf;
 
 namespace {
 
@@ -38,8 +38,8 @@ Bytes packetOf(unsigned seq, unsigned ts, Bytes payload, unsigned char byte0 = 0
 }
 
 // What a sender hands to its handler, frame by frame.
-struct SenderRig : codectest::Harness<SonraRtpSenderNode> {
-    SenderRig(unsigned rate = 8000) : Harness(20, rate)
+struct SenderRig : sonratest::NodeGraph<SonraRtpSenderNode> {
+    SenderRig(unsigned rate = 8000) : NodeGraph(20, rate)
     {
         node->setSendHandler([this](Frame packet) { sent.push_back(bytesOf(packet)); });
     }
@@ -49,7 +49,7 @@ struct SenderRig : codectest::Harness<SonraRtpSenderNode> {
 unsigned ssrcOfNewSender()
 {
     SenderRig rig;
-    rig.run(bytesFrame({1}));
+    rig.step(bytesFrame({1}));
     return SonraRtpPacket(bytesFrame(rig.sent.at(0))).ssrc();
 }
 
@@ -82,10 +82,10 @@ TEST(RtpSender, NumbersPacketsAndStampsThemInSamples)
     for (unsigned rate : {8000u, 16000u}) {
         SenderRig rig(rate);
         rig.node->setPayloadType(96);
-        rig.run(bytesFrame({1, 2}));
-        rig.run(Frame());
-        rig.run(bytesFrame({}));
-        rig.run(bytesFrame({3}));
+        rig.step(bytesFrame({1, 2}));
+        rig.step(Frame());
+        rig.step(bytesFrame({}));
+        rig.step(bytesFrame({3}));
         ASSERT_EQ(2u, rig.sent.size());
         const unsigned ssrc = SonraRtpPacket(bytesFrame(rig.sent[0])).ssrc();
         Bytes first = header(1, 0, ssrc), second = header(2, 3 * rate / 50, ssrc);
@@ -94,15 +94,15 @@ TEST(RtpSender, NumbersPacketsAndStampsThemInSamples)
         EXPECT_EQ(first, rig.sent[0]);
         EXPECT_EQ(second, rig.sent[1]); // empty frames take no number, ticks still count
         rig.node->reset(5);
-        rig.run(bytesFrame({4}));
+        rig.step(bytesFrame({4}));
         EXPECT_EQ(4 * rate / 50 + 5, SonraRtpPacket(bytesFrame(rig.sent[2])).timeStamp());
         rig.node->clearSendHandler();
-        rig.run(bytesFrame({5}));
+        rig.step(bytesFrame({5}));
         EXPECT_EQ(3u, rig.sent.size());
     }
     SenderRig rig;
     for (unsigned i = 0; i < 65537; ++i)
-        rig.run(bytesFrame({1}));
+        rig.step(bytesFrame({1}));
     for (unsigned i : {65533u, 65534u, 65535u, 65536u})
         EXPECT_EQ((i + 1) % 65536, SonraRtpPacket(bytesFrame(rig.sent[i])).seqNum());
 }
@@ -135,15 +135,15 @@ TEST(RtpSender, DrawsTheSsrcFromTimeAndTheReseededGenerator)
     }
 }
 
-struct ReceiverRig : codectest::Harness<SonraRtpReceiverNode> {
-    ReceiverRig() : Harness(20, 8000) {}
+struct ReceiverRig : sonratest::NodeGraph<SonraRtpReceiverNode> {
+    ReceiverRig() : NodeGraph(20, 8000) {}
     std::vector<Bytes> feed(const std::vector<Bytes>& datagrams, unsigned frames)
     {
         for (const Bytes& datagram : datagrams)
             node->dataReceived(bytesFrame(datagram));
         std::vector<Bytes> out;
         for (unsigned i = 0; i < frames; ++i)
-            if (const Frame frame = run(Frame()))
+            if (const Frame frame = step())
                 out.push_back(bytesOf(frame));
         return out;
     }

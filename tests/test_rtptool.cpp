@@ -1,7 +1,7 @@
 // tools/sonra-rtp against real RTP peers over 127.0.0.1: GStreamer hears
 // what we send and sends what we receive, tshark decodes our captures, and
 // the audio comes back within G.711's quantisation with no frame lost.
-#include "codecutil.h"
+#include "testutil.h"
 #include "deviceutil.h"
 
 #include <boost/asio/ip/udp.hpp>
@@ -63,7 +63,7 @@ void waitUntilListening(unsigned port)
 // A-law step (1/32 of the magnitude, 16 near zero).
 void expectG711Copy(const std::vector<int16_t>& source, const std::vector<int16_t>& heard)
 {
-    const codectest::Alignment best = codectest::bestAlignment(source, heard, 0, 0, 1600);
+    const sonratest::Alignment best = sonratest::bestAlignment(source, heard, 0, 0, 1600);
     ASSERT_GT(best.correlation, 0.99);
     ASSERT_GE(heard.size(), source.size() + best.delay) << "frames lost";
     for (std::size_t i = 0; i < source.size(); ++i)
@@ -79,7 +79,7 @@ struct RtpTool : ::testing::Test {
     }
     const std::string in = sonratest::tempPath("rtp_in.wav"), out = sonratest::tempPath("rtp_out.wav"),
                       raw = sonratest::tempPath("rtp_gst.raw"), pcap = sonratest::tempPath("rtp.pcap");
-    const std::vector<int16_t> source = codectest::speechLike(8000, 12000); // 75 packets
+    const std::vector<int16_t> source = sonratest::speechLike(8000, 12000); // 75 packets
 };
 
 } // namespace

@@ -14,6 +14,9 @@ struct SonraJbufFrame_p {
     unsigned m_timeStamp; // ms, carried through unchanged
     boost::shared_ptr<std::vector<char> > m_data;
     unsigned m_bufTime;   // ms, the owner's clock when the frame was put
+    // Every queue holds the same record; under the adaptive policy a queue
+    // moved to may still offer one that an earlier queue already played.
+    bool m_delivered = false;
 };
 
 // One queue as the playout policy sees it.
@@ -559,6 +562,11 @@ unsigned int SonraJbuf::getFrame(boost::shared_ptr<std::vector<char> >& frame, u
         return 1;
     if (!played)
         return 1;
+    if (played->m_delivered) {
+        ++d->m_earlierPlayed.framesHeld;
+        return 1;
+    }
+    played->m_delivered = true;
     d->m_deliveredAny = true;
     d->m_lastDeliveredSeqNum = played->m_seqNum;
     frame = played->m_data;

@@ -38,7 +38,7 @@ const float PCM_UNIT = 1.0f / PCM_FULL_SCALE; // exact: a power of two
 const std::size_t BLOCK_SAMPLES = 4096;
 
 // A build of SoundTouch for 16-bit samples takes PCM as it is.
-inline void toShifter(const int16_t* in, int16_t* out, std::size_t count)
+[[maybe_unused]] inline void toShifter(const int16_t* in, int16_t* out, std::size_t count)
 {
     std::copy(in, in + count, out);
 }
@@ -49,7 +49,7 @@ void toShifter(const int16_t* __restrict in, float* __restrict out, std::size_t 
         out[k] = static_cast<float>(in[k]) * PCM_UNIT;
 }
 
-inline void fromShifter(int16_t* in, int16_t* out, std::size_t count)
+[[maybe_unused]] inline void fromShifter(int16_t* in, int16_t* out, std::size_t count)
 {
     std::copy(in, in + count, out);
 }
