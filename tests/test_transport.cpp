@@ -398,6 +398,7 @@ TEST(Jbuf, RecoveryResumesAfterStrayRestartedOrRenumberedStreams)
         {join(range(1, 50), {0x7fffffffu}), {0, 100}, range(51, 100), {1, 0}}, // a stray far ahead
         {join(range(1, 50), {50, 1000}), {0, 100}, range(51, 100), {1, 0}},    // a duplicate, then a stray
         {range(1, 300), {0, 97}, range(1, 100), {0, 1}},                       // the sender restarts
+        {join(range(1, 300), {300}), {0, 97}, range(1, 100), {0, 1}},          // ... after a duplicate
         {{}, {64, 100}, range(0x7fffffc0u, 100), {0, 0}},                      // a stream crossing 2^31
         {{}, {35, 97}, range(0xffffffc0u, 100), {0, 1}},                       // ... and 2^32
     };
@@ -405,8 +406,11 @@ TEST(Jbuf, RecoveryResumesAfterStrayRestartedOrRenumberedStreams)
         for (bool recovery : {false, true}) {
             JbufRig rig;
             rig.jbuf.setRecovery(recovery);
-            for (unsigned seqNum : c.leadIn)
-                rig.put(seqNum), rig.get();
+            for (std::size_t i = 0; i < c.leadIn.size(); ++i) { // a repeated number comes in the same period
+                rig.put(c.leadIn[i]);
+                if (i + 1 == c.leadIn.size() || c.leadIn[i + 1] != c.leadIn[i])
+                    rig.get();
+            }
             long played = 0;
             for (unsigned seqNum : c.judged) {
                 rig.put(seqNum);
@@ -416,6 +420,8 @@ TEST(Jbuf, RecoveryResumesAfterStrayRestartedOrRenumberedStreams)
             EXPECT_EQ(c.played[recovery], played) << c.judged[0] << (recovery ? " on" : " off");
             const SonraJbufStatistics s = rig.jbuf.statistics();
             EXPECT_EQ(recovery ? c.on : (Counts{0, 0}), (Counts{s.framesStray, s.resyncs})) << c.judged[0];
+            EXPECT_EQ(s.framesPut, s.framesTooOld + s.framesUnnumbered + s.framesStray + s.framesPlayed +
+                                       s.framesDropped + s.queuedFrames);
         }
     }
 }

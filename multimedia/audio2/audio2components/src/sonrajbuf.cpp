@@ -246,12 +246,16 @@ bool SonraJbufSimple::putFrame(boost::shared_ptr<SonraJbufFrame_p> frame)
             ++m_statistics.framesUnnumbered;
         } else {
             const unsigned index = static_cast<unsigned>((static_cast<uint64_t>(m_headIndex) + offset) % m_bufSize);
-            if (m_frames[index])
+            const bool duplicate = static_cast<bool>(m_frames[index]);
+            if (duplicate)
                 ++m_statistics.duplicates;
             if (m_framesCount == 0)
                 primeDepth();
             m_frames[index] = frame;
-            ++m_framesCount;
+            if (duplicate && m_owner->m_recovery)
+                ++m_statistics.framesDropped;
+            else
+                ++m_framesCount;
             if (index == m_headIndex)
                 m_headSeqNum = seqNum;
             m_runLength = 0;
@@ -325,14 +329,13 @@ void SonraJbufSimple::primeDepth()
 }
 
 // Drops everything and anchors the head on `frame`, as on a new stream.
+// Everything the queue counted as held is dropped, the copies duplicates
+// replaced included, so that the counts still add up to the frames put.
 void SonraJbufSimple::resync(const boost::shared_ptr<SonraJbufFrame_p>& frame)
 {
-    for (boost::shared_ptr<SonraJbufFrame_p>& slot : m_frames) {
-        if (slot) {
-            ++m_statistics.framesDropped;
-            slot.reset();
-        }
-    }
+    for (boost::shared_ptr<SonraJbufFrame_p>& slot : m_frames)
+        slot.reset();
+    m_statistics.framesDropped += m_framesCount;
     ++m_statistics.resyncs;
     primeDepth();
     m_frames[m_headIndex] = frame;

@@ -24,7 +24,8 @@ struct SonraJbufStatistics {
     uint64_t framesUnnumbered = 0; // refused: no head to place them by (sequence number 0, or 2^31
                                    // and above, reaching an empty queue)
     uint64_t framesDropped = 0;    // stored, then passed by the head unplayed (a far-ahead arrival
-                                   // or a depth decrease)
+                                   // or a depth decrease), or, with recovery on, replaced by a
+                                   // duplicate or emptied by a re-anchor
     uint64_t duplicates = 0;       // stored into a slot that already held a frame (the older copy goes)
     uint64_t underruns = 0;        // gets with nothing due
     uint64_t depthDecreases = 0;   // times the queue cut its delay by one frame
@@ -39,7 +40,8 @@ struct SonraJbufStatistics {
                                     // (not in framesPlayed), each one period of added delay
     uint64_t framesSkipped = 0;     // sequence numbers passed over by a move to a shallower queue
     unsigned playedDepth = 0;       // frames, depth of the queue played now
-    unsigned queuedFrames = 0;     // frames the queue counts as held now (a duplicate counts twice)
+    unsigned queuedFrames = 0;     // frames the queue counts as held now (a duplicate counts twice,
+                                   // unless recovery is on)
     unsigned lastResidenceTime = 0; // ms the last played frame spent in the buffer
     unsigned lastSeqNum = 0;       // sequence number of the last played frame
     unsigned lastTimeStamp = 0;    // timestamp (ms) of the last played frame
@@ -163,7 +165,11 @@ public:
     //    RECOVERY_RUN_FRAMES - 1 gets: a restarted or re-numbered stream
     //    plays again within RECOVERY_RUN_FRAMES periods (frames only a little
     //    too old are late ones, left to the queue rules);
-    //  - anchors on any number but 0, so a stream may cross 2^31.
+    //  - anchors on any number but 0, so a stream may cross 2^31;
+    //  - counts a slot a duplicate replaced once, not twice: otherwise the
+    //    queue is never empty again, its head runs on with every get, and a
+    //    single lost or stray frame after a duplicate leaves every later
+    //    frame one behind the head, too old.
     // Off, the frames are exactly those of the queue rules.
     void setRecovery(bool enabled);
     static unsigned RECOVERY_RUN_FRAMES;  // frames
