@@ -5,6 +5,7 @@
 #define SONRA_FUZZUTIL_H
 
 #include "testutil.h"
+#include "sonramemoryvsndfilevfs.h"
 #include "sonraopusencnode.h"
 #include "sonrasendernode.h"
 
@@ -94,6 +95,55 @@ struct Writer {
         return *this;
     }
 };
+
+// A graph frame duration (ms) and rate (Hz) every node accepts.
+struct GraphConfig {
+    unsigned frameDuration, sampleRate;
+};
+
+inline GraphConfig graphConfig(Reader& in)
+{
+    static const unsigned DURATIONS[] = {10, 20, 30, 40, 60};                 // ms
+    static const unsigned RATES[] = {8000, 16000, 24000, 32000, 44100, 48000}; // Hz
+    return {DURATIONS[in.choice(5)], RATES[in.choice(6)]};
+}
+
+// Short sound files (0.2 s of speech-like signal each) that libsndfile
+// writes through a memory file: WAV, FLAC, Ogg Vorbis and AIFF at several
+// rates and channel counts, then a truncated FLAC and an Ogg with a mangled
+// page; each after its own prefix of choices (six prefixes).
+inline std::vector<Bytes> soundFileSeeds(const std::vector<Bytes>& prefixes)
+{
+    struct Format {
+        int format, rate, channels;
+    };
+    static const Format FORMATS[] = {{SF_FORMAT_WAV | SF_FORMAT_PCM_16, 8000, 1},
+                                     {SF_FORMAT_FLAC | SF_FORMAT_PCM_16, 16000, 1},
+                                     {SF_FORMAT_OGG | SF_FORMAT_VORBIS, 22050, 1},
+                                     {SF_FORMAT_AIFF | SF_FORMAT_PCM_16, 11025, 2}};
+    auto memory = boost::make_shared<ombrel::SonraMemoryVSndFileVfs>();
+    std::vector<std::vector<char> > files;
+    for (const Format& f : FORMATS) {
+        const std::vector<int16_t> speech = sonratest::speechLike(f.rate, f.rate / 5 * f.channels);
+        SF_INFO info = SF_INFO();
+        info.samplerate = f.rate, info.channels = f.channels, info.format = f.format;
+        memory->open("seed", ombrel::VFS_WRITE);
+        SNDFILE* file = sf_open_virtual(memory->virtualIo().get(), SFM_WRITE, &info,
+                                        static_cast<ombrel::SonraVSndFileVfs*>(memory.get()));
+        sf_writef_short(file, speech.data(), f.rate / 5);
+        sf_close(file);
+        memory->close();
+        files.push_back(memory->file("seed"));
+    }
+    files.push_back(std::vector<char>(files[1].begin(), files[1].begin() + files[1].size() / 2));
+    files.push_back(files[2]);
+    for (std::size_t i = files.back().size() / 2; i < files.back().size() / 2 + 64; ++i)
+        files.back()[i] ^= 0x5a;
+    std::vector<Bytes> seeds = prefixes;
+    for (std::size_t i = 0; i < seeds.size(); ++i)
+        seeds[i].insert(seeds[i].end(), files[i].begin(), files[i].end());
+    return seeds;
+}
 
 } // namespace sonrafuzz
 
