@@ -22,6 +22,11 @@ const int MAX_RESAMPLE_PASSES = 4;
 // Quality (0 to 10) of the file-to-graph rate conversion.
 const int FILE_RESAMPLE_QUALITY = 5;
 
+// Highest file rate played, Hz. Each graph frame reads and converts the
+// file frames of one frame period, so a corrupt header claiming billions of
+// frames a second would stall the graph's thread on silence for minutes.
+const uint32_t MAX_FILE_RATE = 384000;
+
 // openFile(): the file cannot be played and the node must stop with -2.
 const int FAILED_AND_STOPPED = 1;
 
@@ -110,7 +115,7 @@ int SonraFileReaderNode::openFile(unsigned& channels, unsigned& duration)
     const uint32_t fileRate = static_cast<uint32_t>(d->m_sfInfo.samplerate);
     d->m_fileFrameSamples = static_cast<uint32_t>(uint64_t(d->m_pipeFrameSamples) * fileRate / sampleRate());
     // A rate too low for one file frame a graph frame is refused like an empty file.
-    if (d->m_fileFrameSamples == 0)
+    if (d->m_fileFrameSamples == 0 || fileRate > MAX_FILE_RATE)
         return FAILED_AND_STOPPED;
     if (fileRate != sampleRate()) {
         int error = 0;

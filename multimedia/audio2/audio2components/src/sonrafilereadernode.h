@@ -48,8 +48,8 @@ public:
     // output channels) and its whole seconds; -1 when the SonraVSndFileVfs
     // refuses the name (the callback is not installed); -2 when libsndfile
     // cannot open the file (warning on "audio2"), or it holds no frames or
-    // channels, or its rate is too low for one frame a graph frame, or the
-    // resampler fails (then `finishedCallback` already got -2).
+    // channels, or its rate is too low for one frame a graph frame or above
+    // 384 kHz, or the resampler fails (then `finishedCallback` already got -2).
     int start(const std::string& fileName, unsigned& channels, unsigned& duration,
               boost::function<void (int)> finishedCallback);
     // Closes the file and reports `code` to the callback (once per start()).
