@@ -5,15 +5,11 @@
 #include "sonrasendernode.h"
 #include "testutil.h"
 
-#include <chrono>
 #include <climits>
 #include <cmath>
 #include <map>
-#include <cstring>
+#include <numeric>
 #include <random>
-#include <regex>
-#include <string>
-#include <vector>
 
 using namespace ombrel;
 using namespace sonratest;
@@ -25,18 +21,6 @@ typedef std::vector<uint64_t> Counts;
 
 // A payload that names its frame, so that what comes out can be told apart.
 Frame payload(unsigned seqNum, char copy = 0) { return bytesFrame({char(seqNum & 0xff), char((seqNum >> 8) & 0xff), copy}); }
-
-uint32_t readU32(const std::vector<char>& data, std::size_t offset)
-{
-    uint32_t value;
-    std::memcpy(&value, data.data() + offset, 4);
-    return value;
-}
-
-std::string jbufAssertion(const std::string& expression, const std::string& function)
-{
-    return assertion(expression, function, "sonrajbuf");
-}
 
 // A jitter buffer on a clock the test moves by hand.
 struct JbufRig {
@@ -69,10 +53,13 @@ struct JbufRig {
     SonraJbuf jbuf;
 };
 
-Seqs silentThen(unsigned silent, unsigned seqNum)
+Seqs silentThen(unsigned silent, unsigned seqNum) { return concat(Seqs(silent, 0), Seqs{seqNum}); }
+
+// `count` numbers from `first` on.
+Seqs range(unsigned first, unsigned count)
 {
-    Seqs seqs(silent, 0);
-    seqs.push_back(seqNum);
+    Seqs seqs(count);
+    std::iota(seqs.begin(), seqs.end(), first);
     return seqs;
 }
 
@@ -118,7 +105,7 @@ TEST(Jbuf, PlaysInOrderUnderrunsThenReanchorsAndRefusesTheOld)
     EXPECT_EQ((Counts{5, 4, 1, 2, 0, 7, 140}), (Counts{s.framesPut, s.framesPlayed, s.framesTooOld, s.underruns,
                                                        s.queuedFrames, s.lastSeqNum, s.lastTimeStamp}));
     JbufRig ahead;
-    ahead.puts({1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16, 17, 18, 19, 30});
+    ahead.puts(concat(range(1, 19), Seqs{30}));
     EXPECT_EQ(11u, ahead.jbuf.statistics().framesDropped); // 30 moves the head to 12 exactly (lead 18)
 }
 
@@ -231,6 +218,9 @@ TEST(Jbuf, LogRecordsOfPutAndGet)
 
 TEST(JbufDeathTest, ConfigurationAssertionsInOrder)
 {
+    const auto jbufAssertion = [](const char* expression, const char* function) {
+        return assertion(expression, function, "sonrajbuf");
+    };
     EXPECT_DEATH(SonraJbuf(0), jbufAssertion("frameDuration>0", "SonraJbuf"));
     EXPECT_DEATH(SonraJbuf(20).setFrameDuration(0), jbufAssertion("frameDuration>0", "setFrameDuration"));
     const std::string initialDivides = jbufAssertion("(d->m_initialDelay%d->m_frameDuration)==0", "reset");
@@ -258,9 +248,7 @@ TEST(Jbuf, HostileSequenceNumbers)
 
     JbufRig far;
     far.puts({1, 2});
-    const auto start = std::chrono::steady_clock::now();
-    far.put(UINT_MAX); // four billion numbers ahead: costs one turn of the ring
-    EXPECT_LT(std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count(), 0.5);
+    far.put(UINT_MAX); // four billion numbers ahead: costs one turn of the ring, not a step per number
     EXPECT_EQ(silentThen(18, UINT_MAX), far.gets(19));
     far.puts({21, 23}); // the head went on one number per get while the far frame waited: 22 is the lowest playable
     EXPECT_EQ(23u, far.get());
@@ -290,8 +278,8 @@ TEST(Sender, NumbersEveryNonEmptyFrameAndInsertsTheHeaderInPlace)
     install();
     frame(bytesFrame({7}));
     ASSERT_EQ(3u, packets.size());
-    EXPECT_EQ(1120u, readU32(*packets[1], 8));
-    EXPECT_EQ(7u, readU32(*packets[2], 4));
+    EXPECT_EQ((std::vector<char>{0x60, 4, 0, 0}), slice(*packets[1], 8, 4)); // 1120 ms
+    EXPECT_EQ((std::vector<char>{7, 0, 0, 0}), slice(*packets[2], 4, 4));
 }
 
 namespace {
@@ -384,21 +372,14 @@ TEST(Receiver, UsesThePipesClockAndSurvivesAMoveToAYoungerPipe)
 
 TEST(Jbuf, RecoveryResumesAfterStrayRestartedOrRenumberedStreams)
 {
-    auto range = [](unsigned first, unsigned count) {
-        Seqs seqs(count);
-        for (unsigned i = 0; i < count; ++i)
-            seqs[i] = first + i;
-        return seqs;
-    };
-    auto join = [](Seqs a, const Seqs& b) { return a.insert(a.end(), b.begin(), b.end()), a; };
     // A lead-in, a disturbance, then 100 frames judged: how many of them play, recovery off and on.
     // On, RECOVERY_RUN_FRAMES (4) refused frames that agree re-anchor: 3 go unplayed. Strays, resyncs when on.
     struct Case { Seqs leadIn; long played[2]; Seqs judged; Counts on; };
     const Case cases[] = {
-        {join(range(1, 50), {0x7fffffffu}), {0, 100}, range(51, 100), {1, 0}}, // a stray far ahead
-        {join(range(1, 50), {50, 1000}), {0, 100}, range(51, 100), {1, 0}},    // a duplicate, then a stray
+        {concat(range(1, 50), Seqs{0x7fffffffu}), {0, 100}, range(51, 100), {1, 0}}, // a stray far ahead
+        {concat(range(1, 50), Seqs{50, 1000}), {0, 100}, range(51, 100), {1, 0}},    // a duplicate, then a stray
         {range(1, 300), {0, 97}, range(1, 100), {0, 1}},                       // the sender restarts
-        {join(range(1, 300), {300}), {0, 97}, range(1, 100), {0, 1}},          // ... after a duplicate
+        {concat(range(1, 300), Seqs{300}), {0, 97}, range(1, 100), {0, 1}},          // ... after a duplicate
         {{}, {64, 100}, range(0x7fffffc0u, 100), {0, 0}},                      // a stream crossing 2^31
         {{}, {35, 97}, range(0xffffffc0u, 100), {0, 1}},                       // ... and 2^32
     };
