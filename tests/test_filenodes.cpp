@@ -1,6 +1,5 @@
-// The file reader, writer and play nodes, on files libsndfile makes here,
-// judged against libsndfile's own decoding, SpeexDSP run in one piece, and
-// soxi and sox on what the writer recorded.
+// The file reader, writer and play nodes, on files libsndfile makes here, judged against libsndfile's own decoding,
+// SpeexDSP run in one piece, and soxi and sox on what the writer recorded.
 #include "sonrafileplaynode.h"
 #include "sonrafilereadernode.h"
 #include "sonrafilewriternode.h"
@@ -19,9 +18,8 @@
 using namespace ombrel;
 using namespace sonratest;
 
-// libsndfile leaks the Vorbis and Ogg states it made when opening a corrupt
-// Ogg file fails, or when closing one whose writes failed; the leaks are
-// its own, made inside those codec libraries.
+// libsndfile leaks the Vorbis and Ogg states it made when opening a corrupt Ogg file fails, or when closing one whose
+// writes failed; the leaks are its own, made inside those codec libraries.
 extern "C" const char* __lsan_default_suppressions() { return "leak:libvorbis.so\nleak:libogg.so\n"; }
 
 namespace {
@@ -62,8 +60,7 @@ struct Source {
         : pipe(boost::make_shared<SonraPipe>(20)), node(boost::make_shared<Node>(ioService(), args..., 20, rate)) { pipe->addNode(node); }
     ~Source() { pipe->clear(); }
     Frame step() { return pipe->processFrame(), node->outputData(); }
-    // The samples of up to `frames` frames, until the first empty one; each
-    // frame must hold `bytes`.
+    // The samples of up to `frames` frames, until the first empty one; each frame must hold `bytes`.
     std::vector<int16_t> play(int frames, std::size_t bytes)
     {
         std::vector<int16_t> out;
@@ -136,11 +133,10 @@ struct FullDisk : SonraMemoryVSndFileVfs {
 
 } // namespace
 
-// 1.5 s of two tones in each format and rate, read through a memory file:
-// the output is, sample for sample, libsndfile's decoding converted by one
-// uninterrupted SpeexDSP run (quality 5) with silence after the end, so that
-// blocks that do not fit the graph frame (11025 and 22025 Hz) lose or repeat
-// nothing; every frame is full; the end comes where the file does.
+// 1.5 s of two tones in each format and rate, read through a memory file: the output is, sample for sample,
+// libsndfile's decoding converted by one uninterrupted SpeexDSP run (quality 5) with silence after the end, so that
+// blocks that do not fit the graph frame (11025 and 22025 Hz) lose or repeat nothing; every frame is full; the end
+// comes where the file does.
 TEST(FileReader, MatchesOneSpeexRunFrameByFrameInEveryFormat)
 {
     const struct { const char* name; int format, rate, channels; } cases[] = {
@@ -167,10 +163,9 @@ TEST(FileReader, MatchesOneSpeexRunFrameByFrameInEveryFormat)
     }
 }
 
-// The last block is padded, the next frame stops with -4, as do a new start()
-// and the destructor; pause() holds the position; a refused name (-1)
-// installs no callback; libsndfile's refusal (-2) is logged and keeps it;
-// files without frames or too slow for one a graph frame stop with -2.
+// The last block is padded, the next frame stops with -4, as do a new start() and the destructor; pause() holds the
+// position; a refused name (-1) installs no callback; libsndfile's refusal (-2) is logged and keeps it; files without
+// frames or too slow for one a graph frame stop with -2.
 TEST(FileReader, PlaysPadsStopsAndRefuses)
 {
     const std::string ramp = rampFile();
@@ -220,10 +215,9 @@ TEST(FileReader, SeeksInWholeSeconds)
     EXPECT_EQ(slice(samples, 132300 + 882, 882), samplesOf(reader.step()));
 }
 
-// 2 s recorded as Ogg Vorbis: soxi finds 32000 mono frames at 16000 Hz and
-// sox decodes the tone back. 641 bytes write 320 frames, 1280 stereo bytes
-// 320; a new start() finishes the file; paused frames are not written; a
-// recording in memory reads back; a failed write stops.
+// 2 s recorded as Ogg Vorbis: soxi finds 32000 mono frames at 16000 Hz and sox decodes the tone back. 641 bytes write
+// 320 frames, 1280 stereo bytes 320; a new start() finishes the file; paused frames are not written; a recording in
+// memory reads back; a failed write stops.
 TEST(FileWriter, RecordsOggVorbisThatSoxReadsBack)
 {
     NodeGraph<SonraFileWriterNode> graph(20, RATE);
@@ -270,9 +264,8 @@ TEST(FileWriter, RecordsOggVorbisThatSoxReadsBack)
     EXPECT_EQ(-1, writer.start(tempPath("no/such/dir.ogg"), 1));
 }
 
-// Three frames, none for the tail, then a stop (callback once, also after a
-// second stop()) or, looping, the first frame again. reset() rewinds; a new
-// start() drops the old callback.
+// Three frames, none for the tail, then a stop (callback once, also after a second stop()) or, looping, the first
+// frame again. reset() rewinds; a new start() drops the old callback.
 TEST(FilePlay, PlaysOnceOrInALoop)
 {
     const std::string ramp = rampFile();
@@ -296,8 +289,8 @@ TEST(FilePlay, PlaysOnceOrInALoop)
     EXPECT_EQ(std::vector<int>{2}, player.codes) << "the new callback, by the destructor";
 }
 
-// 1000 stereo frames at 8 kHz become SpeexDSP's one-pass conversion padded
-// with silence to seven whole frames, so the loop wraps without a gap.
+// 1000 stereo frames at 8 kHz become SpeexDSP's one-pass conversion padded with silence to seven whole frames, so the
+// loop wraps without a gap.
 TEST(FilePlay, ConvertsAndPadsForSeamlessLoops)
 {
     const std::vector<int16_t> tones = interleave(sine(300, 8000, 1000), sine(700, 8000, 1000));
@@ -310,9 +303,8 @@ TEST(FilePlay, ConvertsAndPadsForSeamlessLoops)
     EXPECT_EQ(slice(out, 0, 640), slice(out, 7 * 640, 640));
 }
 
-// The size limit holds to the byte; missing -4, not audio -3 (logged with
-// libsndfile's text), a directory -2, a name the virtual file refuses -2.
-// A failed start() leaves the node silent.
+// The size limit holds to the byte; missing -4, not audio -3 (logged with libsndfile's text), a directory -2, a name
+// the virtual file refuses -2. A failed start() leaves the node silent.
 TEST(FilePlay, ResultCodes)
 {
     const std::string big = soundFile("1mib.wav", WAV, RATE, 1, std::vector<int16_t>((1048576 - 44) / 2, 100));
@@ -337,8 +329,8 @@ TEST(FilePlay, ResultCodes)
     EXPECT_EQ(std::vector<int>{}, player.codes);
 }
 
-// Every format cut short, cut to its header, or with bytes overwritten: a
-// result code, and if the file plays, whole frames until it ends.
+// Every format cut short, cut to its header, or with bytes overwritten: a result code, and if the file plays, whole
+// frames until it ends.
 TEST(FileNodes, CorruptAndTruncatedFilesNeverCrash)
 {
     const std::vector<int16_t> tone = interleave(sine(440, 44100, 8000), sine(660, 44100, 8000));

@@ -1,5 +1,4 @@
-// RTP packet layout, sender numbering and SSRC, receiver filtering and the
-// jitter buffer's loss behaviour, node by node through a pipe.
+// RTP packet layout, sender numbering and SSRC, receiver filtering and loss behaviour, node by node through a pipe.
 #include "testutil.h"
 #include "shared.h"
 #include "sonrartppacket.h"

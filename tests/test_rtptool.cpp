@@ -1,6 +1,5 @@
-// tools/sonra-rtp against real RTP peers over 127.0.0.1: GStreamer hears
-// what we send and sends what we receive, tshark decodes our captures, and
-// the audio comes back within G.711's quantisation with no frame lost.
+// tools/sonra-rtp against real RTP peers over 127.0.0.1: GStreamer hears what we send and sends what we receive, tshark
+// decodes our captures, and the audio comes back within G.711's quantisation with no frame lost.
 #include "testutil.h"
 #include "deviceutil.h"
 
@@ -43,8 +42,7 @@ void waitUntilListening(unsigned port)
         std::this_thread::sleep_for(std::chrono::milliseconds(25));
 }
 
-// Every source sample comes back, in order from one lag on, within half an
-// A-law step (1/32 of the magnitude, 16 near zero).
+// Every source sample comes back, in order from one lag on, within half an A-law step: |sample| / 32 + 16.
 void expectG711Copy(const std::vector<int16_t>& source, const std::vector<int16_t>& heard)
 {
     const sonratest::Alignment best = sonratest::bestAlignment(source, heard, 0, 0, 1600);
