@@ -21,7 +21,7 @@ typedef std::vector<unsigned> Seqs;
 typedef std::vector<uint64_t> Counts;
 
 // A payload that names its frame, so that what comes out can be told apart.
-Frame payload(unsigned seqNum, char copy = 0) { return bytesFrame({char(seqNum & 0xff), char((seqNum >> 8) & 0xff), copy}); }
+Frame payload(unsigned seqNum, char copy = 0) { return bytesFrame({char(seqNum), char(seqNum >> 8), copy}); }
 
 // A jitter buffer on a clock the test moves by hand.
 struct JbufRig {
@@ -217,23 +217,21 @@ TEST(Jbuf, LogRecordsOfPutAndGet)
 
 TEST(JbufDeathTest, ConfigurationAssertionsInOrder)
 {
-    const auto jbufAssertion = [](const char* expression, const char* function) {
-        return assertion(expression, function, "sonrajbuf");
-    };
-    EXPECT_DEATH(SonraJbuf(0), jbufAssertion("frameDuration>0", "SonraJbuf"));
-    EXPECT_DEATH(SonraJbuf(20).setFrameDuration(0), jbufAssertion("frameDuration>0", "setFrameDuration"));
-    const std::string initialDivides = jbufAssertion("(d->m_initialDelay%d->m_frameDuration)==0", "reset");
+    const auto failed = [](const char* expression, const char* in) { return assertion(expression, in, "sonrajbuf"); };
+    EXPECT_DEATH(SonraJbuf(0), failed("frameDuration>0", "SonraJbuf"));
+    EXPECT_DEATH(SonraJbuf(20).setFrameDuration(0), failed("frameDuration>0", "setFrameDuration"));
+    const std::string initialDivides = failed("(d->m_initialDelay%d->m_frameDuration)==0", "reset");
     EXPECT_DEATH(SonraJbuf(20).setFrameDuration(40), initialDivides);
     EXPECT_DEATH(SonraReceiverNode(ioService(), 20, 16000).setPacketDuration(40), initialDivides);
     EXPECT_DEATH(SonraReceiverNode(ioService(), 40, 16000), initialDivides);
-    const std::string maxNotBelowInitial = jbufAssertion("d->m_maxDelay>=d->m_initialDelay", "reset");
+    const std::string maxNotBelowInitial = failed("d->m_maxDelay>=d->m_initialDelay", "reset");
     EXPECT_DEATH(SonraJbuf(10).setDelays(60, 40, 50, 0), maxNotBelowInitial);
     EXPECT_DEATH(SonraJbuf(20).setDelays(70, 60, 50, 0), maxNotBelowInitial); // checked before the multiples
-    EXPECT_DEATH(SonraJbuf(10).setDelays(40, 50, 60, 0), jbufAssertion("d->m_initialDelay>=d->m_minDelay", "reset"));
-    EXPECT_DEATH(SonraJbuf(20).setDelays(60, 30, 60, 0), jbufAssertion("(d->m_minDelay%d->m_frameDuration)==0", "reset"));
-    EXPECT_DEATH(SonraJbuf(20).setDelays(60, 60, 70, 0), jbufAssertion("(d->m_maxDelay%d->m_frameDuration)==0", "reset"));
+    EXPECT_DEATH(SonraJbuf(10).setDelays(40, 50, 60, 0), failed("d->m_initialDelay>=d->m_minDelay", "reset"));
+    EXPECT_DEATH(SonraJbuf(20).setDelays(60, 30, 60, 0), failed("(d->m_minDelay%d->m_frameDuration)==0", "reset"));
+    EXPECT_DEATH(SonraJbuf(20).setDelays(60, 60, 70, 0), failed("(d->m_maxDelay%d->m_frameDuration)==0", "reset"));
     EXPECT_DEATH(SonraJbuf(20).setDelays(60, 60, 60, 30),
-                 jbufAssertion("(d->m_extraJitterDelay%d->m_frameDuration)==0", "reset"));
+                 failed("(d->m_extraJitterDelay%d->m_frameDuration)==0", "reset"));
 }
 
 TEST(Jbuf, HostileSequenceNumbers)
