@@ -346,9 +346,7 @@ TEST(Receiver, LongerPacketsTakeFromTheBufferOncePerPacketPeriod)
     rig.send({4});
     EXPECT_EQ((std::vector<int>{4, -1, -1}), rig.frames(3)); // phase restarted
     rig.send({5, 13}); // 8 ahead: the queue keeps it 6 periods ahead
-    std::vector<int> expected(21, -1);
-    expected[18] = 13;
-    EXPECT_EQ(expected, rig.frames(21));
+    EXPECT_EQ(concat(std::vector<int>(18, -1), {13, -1, -1}), rig.frames(21));
 }
 
 TEST(Receiver, UsesThePipesClockAndSurvivesAMoveToAYoungerPipe)
