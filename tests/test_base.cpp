@@ -5,6 +5,7 @@
 #include <chrono>
 #include <stdexcept>
 #include <thread>
+#include <utility>
 
 using namespace ombrel;
 using namespace sonratest;
@@ -41,12 +42,7 @@ struct PipeTest : ::testing::Test {
     boost::shared_ptr<SonraPipe> pipe = boost::make_shared<SonraPipe>(20);
 
     boost::shared_ptr<JournalNode> node(const std::string& name) { return boost::make_shared<JournalNode>(name, &journal); }
-    Journal take()
-    {
-        Journal taken;
-        taken.swap(journal);
-        return taken;
-    }
+    Journal take() { return std::exchange(journal, Journal()); }
 };
 
 // Connected sink-first, so that attachment order alone would be wrong.

@@ -18,14 +18,6 @@ const unsigned FRAME_BYTES = 640;  // one channel's 20 ms at 16 kHz
 const unsigned RING_BYTES = 11520; // 360 ms of one channel at 16 kHz
 const std::string FAILED = "Failed to open audio device stream in audio device container, code=";
 
-std::string pattern(std::size_t length, unsigned seed = 0)
-{
-    std::string bytes(length, '\0');
-    for (std::size_t i = 0; i < length; ++i)
-        bytes[i] = static_cast<char>('A' + (i * 7 + seed) % 50);
-    return bytes;
-}
-
 std::string textOf(const Frame& frame) { return frame ? std::string(frame->begin(), frame->end()) : "<none>"; }
 std::string zeros(std::size_t n) { return std::string(n, '\0'); }
 
@@ -187,7 +179,7 @@ TEST(DeviceContainer, RingsHoldTheirDurationOfOneChannel)
 {
     Fixture f;
     ASSERT_EQ(0, f.container->start(1, 20, nullptr)); // 20 channels: 12800-byte capture frames
-    const std::string captured = pattern(12000), toPlay = pattern(12000, 3);
+    const std::string captured = textOf(frameOf(noise(6000, 1))), toPlay = textOf(frameOf(noise(6000, 3)));
     f.block(captured, 0);
     EXPECT_TRUE(captured.substr(12000 - RING_BYTES) + zeros(12800 - RING_BYTES) == textOf(f.container->processCapture()));
     f.play(boost::make_shared<std::vector<char> >(toPlay.begin(), toPlay.end()));
