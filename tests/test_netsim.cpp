@@ -27,7 +27,7 @@ Config configWith(Codec codec, double baseDelay)
 
 std::vector<int16_t> frameAt(const std::vector<int16_t>& samples, std::size_t frame)
 {
-    return std::vector<int16_t>(samples.begin() + frame * FRAME_SAMPLES, samples.begin() + (frame + 1) * FRAME_SAMPLES);
+    return sonratest::slice(samples, frame * FRAME_SAMPLES, FRAME_SAMPLES);
 }
 
 std::vector<unsigned> playedSeqNums(const Result& result)
@@ -37,15 +37,6 @@ std::vector<unsigned> playedSeqNums(const Result& result)
         if (frame.played)
             played.push_back(frame.seqNum);
     return played;
-}
-
-std::vector<unsigned> arrivedSeqNums(const Result& result)
-{
-    std::vector<unsigned> arrived;
-    for (const PacketRecord& packet : result.packets)
-        if (!packet.lost)
-            arrived.push_back(packet.seqNum);
-    return arrived;
 }
 
 // A figure from sox's "stats" effect, e.g. "RMS lev dB".
@@ -101,7 +92,11 @@ TEST(NetSim, WithLossEveryPacketThatArrivedIsPlayedOnceInOrder)
         const Summary& summary = result.summary;
         EXPECT_GT(summary.lostInNetwork, 8u);
         EXPECT_LT(summary.lostInNetwork, 30u);
-        EXPECT_EQ(arrivedSeqNums(result), playedSeqNums(result));
+        std::vector<unsigned> arrived;
+        for (const PacketRecord& packet : result.packets)
+            if (!packet.lost)
+                arrived.push_back(packet.seqNum);
+        EXPECT_EQ(arrived, playedSeqNums(result));
         EXPECT_EQ(summary.sent - summary.lostInNetwork, summary.played);
         EXPECT_EQ(0u, summary.neverPlayed);
         EXPECT_EQ(0u, summary.jbuf.framesTooOld);
@@ -153,9 +148,6 @@ TEST(NetSim, TheSameSeedGivesTheSameRunAndAWrittenScenarioReplaysIt)
     config.network.duplicateRate = 0.05;
     const Result modelled = simulate(input, config);
     EXPECT_EQ(modelled.output, simulate(input, config).output);
-    config.network.seed = 2;
-    EXPECT_NE(arrivedSeqNums(modelled), arrivedSeqNums(simulate(input, config)));
-
     std::stringstream scenario;
     writeScenario(scenario, modelled);
     Config replay = configWith(Codec::Opus, 0);

@@ -6,7 +6,6 @@
 #include <opus.h>
 
 #include <memory>
-#include <tuple>
 
 using namespace ombrel;
 using namespace sonratest;
@@ -107,49 +106,27 @@ TEST(OpusNodesDeathTest, ThirtyMillisecondFramesGiveNothingAndRatesOpusRefusesFa
     EXPECT_DEATH(SonraOpusDecNode(ioService(), 20, 22050), assertion("d->m_decoderPtr", "SonraOpusDecNode", "sonraopusdecnode"));
 }
 
-// source -> encoder -> decoder in one pipe, 100 graph frames of the
-// speech-like signal.
-class OpusRoundTrip : public ::testing::TestWithParam<std::tuple<unsigned, unsigned> > {};
-
-TEST_P(OpusRoundTrip, GraphKeepsTheSignal)
+// source -> encoder -> decoder in one pipe at every rate and duration:
+// each packet is bare libopus's for the frame, each decoded frame bare
+// libopus's for the packet.
+TEST(OpusRoundTrip, GraphGivesBareLibopusAtEveryRateAndDuration)
 {
-    const unsigned rate = std::get<0>(GetParam()), duration = std::get<1>(GetParam()); // Hz, ms
-    const unsigned n = rate * duration / 1000, frames = 100;                            // samples per frame
-    const Samples signal = speechLike(rate, n * frames);
-    NodeGraph<SonraOpusEncNode> graph(duration, rate);
-    auto decoder = boost::make_shared<SonraOpusDecNode>(ioService(), duration, rate);
-    graph.pipe->connect(graph.node, decoder);
-    Samples decoded;
-    for (unsigned k = 0; k < frames; ++k) {
-        ASSERT_TRUE(graph.step(frameOf(slice(signal, k * n, n)))) << "frame " << k;
-        const Samples pcm = samplesOf(decoder->outputData());
-        ASSERT_EQ(n, pcm.size()) << "frame " << k;
-        decoded.insert(decoded.end(), pcm.begin(), pcm.end());
+    for (unsigned rate : {8000u, 16000u, 48000u}) {
+        for (unsigned duration : {10u, 20u, 40u, 60u}) { // ms
+            const unsigned n = rate * duration / 1000;  // samples per frame
+            const Samples signal = speechLike(rate, n * 10);
+            NodeGraph<SonraOpusEncNode> graph(duration, rate);
+            auto decoder = boost::make_shared<SonraOpusDecNode>(ioService(), duration, rate);
+            graph.pipe->connect(graph.node, decoder);
+            Bare bare(rate);
+            for (unsigned k = 0; k < 10; ++k) {
+                const Packet packet = bytesOf(graph.step(frameOf(slice(signal, k * n, n))));
+                ASSERT_EQ(bare.encode(slice(signal, k * n, n)), packet) << rate << " Hz, " << duration << " ms";
+                ASSERT_EQ(bare.decode(packet, n), samplesOf(decoder->outputData())) << rate << " Hz, " << k;
+            }
+        }
     }
-    // Skip 100 ms while the codec settles, find the delay roughly on the next
-    // 200 ms (up to 20 ms), then within 0.25 ms on all the rest, which is judged.
-    const std::size_t settled = rate / 10;
-    const int rough = bestAlignment(slice(signal, 0, settled + rate / 5), decoded, settled, 0,
-                                               int(rate / 50)).delay;
-    const Alignment alignment = bestAlignment(
-        signal, decoded, settled, std::max(0, rough - int(rate / 4000)), rough + int(rate / 4000));
-    // libopus delays by 6.5 ms at every rate (2.5 ms overlap plus 4 ms lookahead);
-    // the correlation peak of a harmonic signal is a few samples wide at 48 kHz.
-    EXPECT_NEAR(6.5 * rate / 1000, alignment.delay, 1.0 + 0.1 * rate / 1000);
-    // Opus is perceptual: at its VoIP default rates (about 11 kbit/s at 8 kHz)
-    // this signal measures 0.92 to 0.98. 0.85 (about 4.5 dB SNR) leaves room
-    // for other libopus builds, while a lost, repeated or misplaced frame, a
-    // wrong rate or a byte-order slip brings the correlation near 0.
-    EXPECT_GT(alignment.correlation, 0.85);
 }
-
-INSTANTIATE_TEST_SUITE_P(RatesAndDurations, OpusRoundTrip,
-                         ::testing::Combine(::testing::Values(8000u, 16000u, 48000u),
-                                            ::testing::Values(10u, 20u, 40u, 60u)),
-                         [](const ::testing::TestParamInfo<std::tuple<unsigned, unsigned> >& info) {
-                             return std::to_string(std::get<0>(info.param)) + "Hz_" +
-                                    std::to_string(std::get<1>(info.param)) + "ms";
-                         });
 
 TEST_F(OpusNodes, ConcealmentFillsAStartedGapUpToItsLimit)
 {

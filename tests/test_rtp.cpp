@@ -1,5 +1,4 @@
-// RTP packet layout, sender numbering and SSRC, receiver filtering and the
-// jitter buffer's loss behaviour, node by node through a pipe.
+// RTP packet layout, sender numbering and SSRC, receiver filtering and loss behaviour, node by node through a pipe.
 #include "testutil.h"
 #include "shared.h"
 #include "sonrartppacket.h"
@@ -21,21 +20,22 @@ namespace {
 
 Bytes header(unsigned seq, unsigned ts, unsigned ssrc)
 {
-    return {0x80, 0x08, Bytes::value_type(seq >> 8), Bytes::value_type(seq), Bytes::value_type(ts >> 24),
-            Bytes::value_type(ts >> 16), Bytes::value_type(ts >> 8), Bytes::value_type(ts),
-            Bytes::value_type(ssrc >> 24), Bytes::value_type(ssrc >> 16), Bytes::value_type(ssrc >> 8),
-            Bytes::value_type(ssrc)};
+    Bytes bytes = {0x80, 0x08, Bytes::value_type(seq >> 8), Bytes::value_type(seq)};
+    for (unsigned word : {ts, ssrc})
+        for (int shift = 24; shift >= 0; shift -= 8)
+            bytes.push_back(Bytes::value_type(word >> shift));
+    return bytes;
 }
 
-Bytes packetOf(unsigned seq, unsigned ts, Bytes payload, unsigned char byte0 = 0x80, unsigned char byte1 = 0x08)
+Bytes packetOf(unsigned seq, unsigned ts, const Bytes& payload, unsigned char byte0 = 0x80, unsigned char byte1 = 0x08)
 {
-    payload.insert(payload.begin(), 12, 0);
-    const Bytes fixed = header(seq, ts, 1);
-    std::copy(fixed.begin(), fixed.end(), payload.begin());
-    payload[0] = byte0;
-    payload[1] = byte1;
-    return payload;
+    Bytes packet = sonratest::concat(header(seq, ts, 1), payload);
+    packet[0] = byte0, packet[1] = byte1;
+    return packet;
 }
+
+typedef std::vector<unsigned> Fields;
+Fields fields(const SonraRtpPacket& packet) { return {packet.seqNum(), packet.timeStamp(), packet.ssrc()}; }
 
 // What a sender hands to its handler, frame by frame.
 struct SenderRig : sonratest::NodeGraph<SonraRtpSenderNode> {
@@ -60,17 +60,11 @@ TEST(RtpPacket, BuildsTheFixedHeaderInPlaceAndParsesFromByteTwelve)
     for (int ignored : {0, 8, 96, -1}) {
         const Frame frame = bytesFrame(Bytes(160, 0x55));
         const SonraRtpPacket packet(frame, 65537, 1000, 7, ignored);
-        Bytes expected = header(1, 1000, 7);
-        expected.insert(expected.end(), 160, 0x55);
-        EXPECT_EQ(expected, bytesOf(frame));
-        EXPECT_EQ(1u, packet.seqNum());
-        EXPECT_EQ(1000u, packet.timeStamp());
-        EXPECT_EQ(7u, packet.ssrc());
+        EXPECT_EQ(sonratest::concat(header(1, 1000, 7), Bytes(160, 0x55)), bytesOf(frame));
+        EXPECT_EQ((Fields{1, 1000, 7}), fields(packet));
     }
-    const SonraRtpPacket big(bytesFrame(header(0xfedc, 0x89abcdef, 0xfffffffe)));
-    EXPECT_EQ(0xfedcu, big.seqNum());
-    EXPECT_EQ(0x89abcdefu, big.timeStamp());
-    EXPECT_EQ(0xfffffffeu, big.ssrc());
+    const Bytes big = header(0xfedc, 0x89abcdef, 0xfffffffe);
+    EXPECT_EQ((Fields{0xfedc, 0x89abcdef, 0xfffffffe}), fields(SonraRtpPacket(bytesFrame(big))));
     const SonraRtpPacket csrcs(bytesFrame(packetOf(1, 0, {0, 0, 0, 9, 0, 0, 0, 10, 0x55}, 0x82, 0x88)));
     EXPECT_EQ(8u, csrcs.payloadType());
     EXPECT_EQ(9, csrcs.m_payload[3]);
@@ -88,11 +82,8 @@ TEST(RtpSender, NumbersPacketsAndStampsThemInSamples)
         rig.step(bytesFrame({3}));
         ASSERT_EQ(2u, rig.sent.size());
         const unsigned ssrc = SonraRtpPacket(bytesFrame(rig.sent[0])).ssrc();
-        Bytes first = header(1, 0, ssrc), second = header(2, 3 * rate / 50, ssrc);
-        first.insert(first.end(), {1, 2});
-        second.push_back(3);
-        EXPECT_EQ(first, rig.sent[0]);
-        EXPECT_EQ(second, rig.sent[1]); // empty frames take no number, ticks still count
+        EXPECT_EQ(sonratest::concat(header(1, 0, ssrc), {1, 2}), rig.sent[0]);
+        EXPECT_EQ(sonratest::concat(header(2, 3 * rate / 50, ssrc), {3}), rig.sent[1]); // empty: no number, a tick
         rig.node->reset(5);
         rig.step(bytesFrame({4}));
         EXPECT_EQ(4 * rate / 50 + 5, SonraRtpPacket(bytesFrame(rig.sent[2])).timeStamp());

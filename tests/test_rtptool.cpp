@@ -1,6 +1,5 @@
-// tools/sonra-rtp against real RTP peers over 127.0.0.1: GStreamer hears
-// what we send and sends what we receive, tshark decodes our captures, and
-// the audio comes back within G.711's quantisation with no frame lost.
+// tools/sonra-rtp against real RTP peers over 127.0.0.1: GStreamer hears what we send and sends what we receive, tshark
+// decodes our captures, and the audio comes back within G.711's quantisation with no frame lost.
 #include "testutil.h"
 #include "deviceutil.h"
 
@@ -12,7 +11,6 @@
 #include <cstdlib>
 #include <fstream>
 #include <future>
-#include <iterator>
 #include <thread>
 
 namespace {
@@ -22,45 +20,29 @@ const std::string CAPS = "'application/x-rtp,media=audio,clock-rate=8000,encodin
 
 std::string run(const std::string& command, int* exitCode = nullptr)
 {
-    std::string output;
-    FILE* pipe = ::popen((command + " 2>&1").c_str(), "r");
-    char buffer[4096];
-    for (std::size_t n; pipe && (n = std::fread(buffer, 1, sizeof buffer, pipe)) > 0;)
-        output.append(buffer, n);
-    const int status = pipe ? ::pclose(pipe) : -1;
+    const sonratest::Command result = sonratest::shell(command + " 2>&1");
     if (exitCode)
-        *exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    return output;
+        *exitCode = result.exitCode;
+    return result.output;
 }
 
 // A UDP port of 127.0.0.1 that nobody holds (released again at once).
 unsigned freePort()
 {
     boost::asio::io_service io;
-    boost::asio::ip::udp::socket socket(io, {boost::asio::ip::address_v4::loopback(), 0});
-    return socket.local_endpoint().port();
+    return boost::asio::ip::udp::socket(io, {boost::asio::ip::address_v4::loopback(), 0}).local_endpoint().port();
 }
 
-// Whether a socket is bound to that UDP port (IPv4), without touching it.
-bool listening(unsigned port)
+// Until a socket is bound to that UDP port (IPv4), looked up without touching it.
+void waitUntilListening(unsigned port)
 {
     char key[16];
     std::snprintf(key, sizeof key, ":%04X ", port);
-    std::ifstream table("/proc/net/udp");
-    for (std::string line; std::getline(table, line);)
-        if (line.find(key) != std::string::npos)
-            return true;
-    return false;
-}
-
-void waitUntilListening(unsigned port)
-{
-    for (int i = 0; i < 200 && !listening(port); ++i)
+    for (int i = 0; i < 200 && sonratest::shell("grep -q '" + std::string(key) + "' /proc/net/udp").exitCode != 0; ++i)
         std::this_thread::sleep_for(std::chrono::milliseconds(25));
 }
 
-// Every source sample comes back, in order from one lag on, within half an
-// A-law step (1/32 of the magnitude, 16 near zero).
+// Every source sample comes back, in order from one lag on, within half an A-law step: |sample| / 32 + 16.
 void expectG711Copy(const std::vector<int16_t>& source, const std::vector<int16_t>& heard)
 {
     const sonratest::Alignment best = sonratest::bestAlignment(source, heard, 0, 0, 1600);
@@ -106,10 +88,7 @@ TEST_F(RtpTool, GStreamerHearsWhatWeSendAndTheCaptureReplaysIt)
         std::this_thread::sleep_for(std::chrono::milliseconds(25));
     ::kill(std::atoi(run("cat " + pid).c_str()), SIGINT);
     const std::string peerOutput = peer.get();
-    std::ifstream rawFile(raw, std::ios::binary);
-    const std::string bytes((std::istreambuf_iterator<char>(rawFile)), std::istreambuf_iterator<char>());
-    std::vector<int16_t> heard(bytes.size() / 2);
-    std::memcpy(heard.data(), bytes.data(), heard.size() * 2);
+    const std::vector<int16_t> heard = sonratest::shell("cat " + raw).values<int16_t>();
     ASSERT_GT(heard.size(), 0u) << peerOutput;
     expectG711Copy(source, heard);
 

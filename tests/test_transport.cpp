@@ -9,11 +9,8 @@
 #include <climits>
 #include <cmath>
 #include <map>
-#include <cstring>
+#include <numeric>
 #include <random>
-#include <regex>
-#include <string>
-#include <vector>
 
 using namespace ombrel;
 using namespace sonratest;
@@ -24,19 +21,7 @@ typedef std::vector<unsigned> Seqs;
 typedef std::vector<uint64_t> Counts;
 
 // A payload that names its frame, so that what comes out can be told apart.
-Frame payload(unsigned seqNum, char copy = 0) { return bytesFrame({char(seqNum & 0xff), char((seqNum >> 8) & 0xff), copy}); }
-
-uint32_t readU32(const std::vector<char>& data, std::size_t offset)
-{
-    uint32_t value;
-    std::memcpy(&value, data.data() + offset, 4);
-    return value;
-}
-
-std::string jbufAssertion(const std::string& expression, const std::string& function)
-{
-    return assertion(expression, function, "sonrajbuf");
-}
+Frame payload(unsigned seqNum, char copy = 0) { return bytesFrame({char(seqNum), char(seqNum >> 8), copy}); }
 
 // A jitter buffer on a clock the test moves by hand.
 struct JbufRig {
@@ -69,10 +54,13 @@ struct JbufRig {
     SonraJbuf jbuf;
 };
 
-Seqs silentThen(unsigned silent, unsigned seqNum)
+Seqs silentThen(unsigned silent, unsigned seqNum) { return concat(Seqs(silent, 0), Seqs{seqNum}); }
+
+// `count` numbers from `first` on.
+Seqs range(unsigned first, unsigned count)
 {
-    Seqs seqs(silent, 0);
-    seqs.push_back(seqNum);
+    Seqs seqs(count);
+    std::iota(seqs.begin(), seqs.end(), first);
     return seqs;
 }
 
@@ -118,12 +106,11 @@ TEST(Jbuf, PlaysInOrderUnderrunsThenReanchorsAndRefusesTheOld)
     EXPECT_EQ((Counts{5, 4, 1, 2, 0, 7, 140}), (Counts{s.framesPut, s.framesPlayed, s.framesTooOld, s.underruns,
                                                        s.queuedFrames, s.lastSeqNum, s.lastTimeStamp}));
     JbufRig ahead;
-    ahead.puts({1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16, 17, 18, 19, 30});
+    ahead.puts(concat(range(1, 19), Seqs{30}));
     EXPECT_EQ(11u, ahead.jbuf.statistics().framesDropped); // 30 moves the head to 12 exactly (lead 18)
 }
 
-// Each case: its configuration, the frames put, what the gets deliver, and
-// how many candidate queues log each put and get.
+// Each case: its configuration, the frames put, what the gets deliver, how many queues log each put and get.
 TEST(Jbuf, OrderingsAndConfigurations)
 {
     struct Case {
@@ -171,9 +158,8 @@ TEST(Jbuf, DepthDecreasesAfterAWholeObservationPeriodOfLongWaits)
 {
     LogCapture log("audio2jbuf");
     JbufRig rig;
-    // Four frames queued, each played 80 ms after it was put. Get 1 sets the
-    // shortest wait (20 ms, too short to cut); get 151 ends that period; get
-    // 152 sets 80 ms; get 302 ends the next period and cuts, skipping 302.
+    // Four frames queued, each played 80 ms after it was put. Get 1 sets the shortest wait (20 ms, too short to cut);
+    // get 151 ends that period; get 152 sets 80 ms; get 302 ends the next period and cuts, skipping 302.
     rig.puts({1, 2, 3, 4});
     for (unsigned n = 1; n <= 302; ++n) {
         rig.now += 20;
@@ -231,20 +217,21 @@ TEST(Jbuf, LogRecordsOfPutAndGet)
 
 TEST(JbufDeathTest, ConfigurationAssertionsInOrder)
 {
-    EXPECT_DEATH(SonraJbuf(0), jbufAssertion("frameDuration>0", "SonraJbuf"));
-    EXPECT_DEATH(SonraJbuf(20).setFrameDuration(0), jbufAssertion("frameDuration>0", "setFrameDuration"));
-    const std::string initialDivides = jbufAssertion("(d->m_initialDelay%d->m_frameDuration)==0", "reset");
+    const auto failed = [](const char* expression, const char* in) { return assertion(expression, in, "sonrajbuf"); };
+    EXPECT_DEATH(SonraJbuf(0), failed("frameDuration>0", "SonraJbuf"));
+    EXPECT_DEATH(SonraJbuf(20).setFrameDuration(0), failed("frameDuration>0", "setFrameDuration"));
+    const std::string initialDivides = failed("(d->m_initialDelay%d->m_frameDuration)==0", "reset");
     EXPECT_DEATH(SonraJbuf(20).setFrameDuration(40), initialDivides);
     EXPECT_DEATH(SonraReceiverNode(ioService(), 20, 16000).setPacketDuration(40), initialDivides);
     EXPECT_DEATH(SonraReceiverNode(ioService(), 40, 16000), initialDivides);
-    const std::string maxNotBelowInitial = jbufAssertion("d->m_maxDelay>=d->m_initialDelay", "reset");
+    const std::string maxNotBelowInitial = failed("d->m_maxDelay>=d->m_initialDelay", "reset");
     EXPECT_DEATH(SonraJbuf(10).setDelays(60, 40, 50, 0), maxNotBelowInitial);
     EXPECT_DEATH(SonraJbuf(20).setDelays(70, 60, 50, 0), maxNotBelowInitial); // checked before the multiples
-    EXPECT_DEATH(SonraJbuf(10).setDelays(40, 50, 60, 0), jbufAssertion("d->m_initialDelay>=d->m_minDelay", "reset"));
-    EXPECT_DEATH(SonraJbuf(20).setDelays(60, 30, 60, 0), jbufAssertion("(d->m_minDelay%d->m_frameDuration)==0", "reset"));
-    EXPECT_DEATH(SonraJbuf(20).setDelays(60, 60, 70, 0), jbufAssertion("(d->m_maxDelay%d->m_frameDuration)==0", "reset"));
+    EXPECT_DEATH(SonraJbuf(10).setDelays(40, 50, 60, 0), failed("d->m_initialDelay>=d->m_minDelay", "reset"));
+    EXPECT_DEATH(SonraJbuf(20).setDelays(60, 30, 60, 0), failed("(d->m_minDelay%d->m_frameDuration)==0", "reset"));
+    EXPECT_DEATH(SonraJbuf(20).setDelays(60, 60, 70, 0), failed("(d->m_maxDelay%d->m_frameDuration)==0", "reset"));
     EXPECT_DEATH(SonraJbuf(20).setDelays(60, 60, 60, 30),
-                 jbufAssertion("(d->m_extraJitterDelay%d->m_frameDuration)==0", "reset"));
+                 failed("(d->m_extraJitterDelay%d->m_frameDuration)==0", "reset"));
 }
 
 TEST(Jbuf, HostileSequenceNumbers)
@@ -290,8 +277,8 @@ TEST(Sender, NumbersEveryNonEmptyFrameAndInsertsTheHeaderInPlace)
     install();
     frame(bytesFrame({7}));
     ASSERT_EQ(3u, packets.size());
-    EXPECT_EQ(1120u, readU32(*packets[1], 8));
-    EXPECT_EQ(7u, readU32(*packets[2], 4));
+    EXPECT_EQ((std::vector<char>{0x60, 4, 0, 0}), slice(*packets[1], 8, 4)); // 1120 ms
+    EXPECT_EQ((std::vector<char>{7, 0, 0, 0}), slice(*packets[2], 4, 4));
 }
 
 namespace {
@@ -359,9 +346,7 @@ TEST(Receiver, LongerPacketsTakeFromTheBufferOncePerPacketPeriod)
     rig.send({4});
     EXPECT_EQ((std::vector<int>{4, -1, -1}), rig.frames(3)); // phase restarted
     rig.send({5, 13}); // 8 ahead: the queue keeps it 6 periods ahead
-    std::vector<int> expected(21, -1);
-    expected[18] = 13;
-    EXPECT_EQ(expected, rig.frames(21));
+    EXPECT_EQ(concat(std::vector<int>(18, -1), {13, -1, -1}), rig.frames(21));
 }
 
 TEST(Receiver, UsesThePipesClockAndSurvivesAMoveToAYoungerPipe)
@@ -384,21 +369,14 @@ TEST(Receiver, UsesThePipesClockAndSurvivesAMoveToAYoungerPipe)
 
 TEST(Jbuf, RecoveryResumesAfterStrayRestartedOrRenumberedStreams)
 {
-    auto range = [](unsigned first, unsigned count) {
-        Seqs seqs(count);
-        for (unsigned i = 0; i < count; ++i)
-            seqs[i] = first + i;
-        return seqs;
-    };
-    auto join = [](Seqs a, const Seqs& b) { return a.insert(a.end(), b.begin(), b.end()), a; };
     // A lead-in, a disturbance, then 100 frames judged: how many of them play, recovery off and on.
     // On, RECOVERY_RUN_FRAMES (4) refused frames that agree re-anchor: 3 go unplayed. Strays, resyncs when on.
     struct Case { Seqs leadIn; long played[2]; Seqs judged; Counts on; };
     const Case cases[] = {
-        {join(range(1, 50), {0x7fffffffu}), {0, 100}, range(51, 100), {1, 0}}, // a stray far ahead
-        {join(range(1, 50), {50, 1000}), {0, 100}, range(51, 100), {1, 0}},    // a duplicate, then a stray
+        {concat(range(1, 50), Seqs{0x7fffffffu}), {0, 100}, range(51, 100), {1, 0}}, // a stray far ahead
+        {concat(range(1, 50), Seqs{50, 1000}), {0, 100}, range(51, 100), {1, 0}},    // a duplicate, then a stray
         {range(1, 300), {0, 97}, range(1, 100), {0, 1}},                       // the sender restarts
-        {join(range(1, 300), {300}), {0, 97}, range(1, 100), {0, 1}},          // ... after a duplicate
+        {concat(range(1, 300), Seqs{300}), {0, 97}, range(1, 100), {0, 1}},          // ... after a duplicate
         {{}, {64, 100}, range(0x7fffffc0u, 100), {0, 0}},                      // a stream crossing 2^31
         {{}, {35, 97}, range(0xffffffc0u, 100), {0, 1}},                       // ... and 2^32
     };
