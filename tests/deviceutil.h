@@ -4,6 +4,7 @@
 
 #include "sonrauniversaldev.h"
 #include "testutil.h"
+#include "../tools/sonrasoundfile_p.h"
 
 #include <sndfile.h>
 
@@ -11,18 +12,22 @@ namespace sonratest {
 
 // A device that records what the container asks of it and keeps the
 // callback, so that a test can play the device's thread (also after stop(),
-// as a late device thread would; forget() drops it).
-struct FakeDevice : ombrel::SonraDevice {
-    std::vector<boost::shared_ptr<ombrel::SonraDeviceInfo> > devices(ombrel::SonraDeviceInfo::DeviceType type) override
+// as a late device thread would; forget() drops it). It is also the builder
+// that offers itself as the playback-only device.
+struct FakeDevice : ombrel::SonraDevice, ombrel::SonraDeviceBuilder {
+    boost::shared_ptr<ombrel::SonraDevice> buildDevice(bool capture, unsigned sampleRate) override
     {
-        askedTypes.push_back(type);
+        builds.push_back({capture, sampleRate});
+        return buildable ? shared_from_this() : boost::shared_ptr<ombrel::SonraDevice>();
+    }
+    std::vector<boost::shared_ptr<ombrel::SonraDeviceInfo> > devices(ombrel::SonraDeviceInfo::DeviceType) override
+    {
         return {boost::make_shared<ombrel::SonraDeviceInfo>("fake", "test", 2, 16000.0, true, false)};
     }
     int start(const ombrel::SonraStreamConfiguration& configuration, Callback cb, std::string* message) override
     {
         ++starts;
         lastConfiguration = configuration;
-        messageOnEntry = *message;
         callback = cb;
         if (!messageToWrite.empty())
             *message = messageToWrite;
@@ -30,46 +35,24 @@ struct FakeDevice : ombrel::SonraDevice {
     }
     void stop() override { ++stops; }
     void forget() { callback = Callback(); }
+    std::vector<int> counts() const { return {starts, stops, workCycles, resets}; }
     void workCycle() override { ++workCycles; }
     bool hasVoicePreprocessor() override { return preprocessor; }
     void reset() override { ++resets; }
 
     int startResult = 0, starts = 0, stops = 0, workCycles = 0, resets = 0;
-    std::string messageToWrite, messageOnEntry; // messageToWrite: left alone when empty
-    bool preprocessor = false;
+    std::string messageToWrite; // left alone when empty
+    bool preprocessor = false, buildable = true;
+    std::vector<std::pair<bool, unsigned> > builds; // capture, sample rate (Hz)
     ombrel::SonraStreamConfiguration lastConfiguration;
     Callback callback;
-    std::vector<ombrel::SonraDeviceInfo::DeviceType> askedTypes;
 };
 
-struct FakeBuilder : ombrel::SonraDeviceBuilder {
-    boost::shared_ptr<ombrel::SonraDevice> buildDevice(bool capture, unsigned sampleRate) override
-    {
-        ++calls;
-        lastCapture = capture;
-        lastSampleRate = sampleRate;
-        return device;
-    }
-    boost::shared_ptr<ombrel::SonraDevice> device; // may be empty
-    int calls = 0;
-    bool lastCapture = true;
-    unsigned lastSampleRate = 0;
-};
-
-// 16-bit PCM WAV through libsndfile; false when it cannot.
+// 16-bit PCM WAV as the tools write it; a failure fails the test.
 inline bool writeWav(const std::string& path, const std::vector<int16_t>& samples, int sampleRate, int channels)
 {
-    SF_INFO info = SF_INFO();
-    info.samplerate = sampleRate;
-    info.channels = channels;
-    info.format = SF_FORMAT_WAV | SF_FORMAT_PCM_16;
-    SNDFILE* file = sf_open(path.c_str(), SFM_WRITE, &info);
-    if (!file)
-        return false;
-    const sf_count_t frames = static_cast<sf_count_t>(samples.size() / channels);
-    const bool written = sf_writef_short(file, samples.data(), frames) == frames;
-    sf_close(file);
-    return written;
+    sonratool::writeWav(path, samples, unsigned(sampleRate), unsigned(channels));
+    return true;
 }
 
 struct WavContents {

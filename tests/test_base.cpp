@@ -5,6 +5,7 @@
 #include <chrono>
 #include <stdexcept>
 #include <thread>
+#include <utility>
 
 using namespace ombrel;
 using namespace sonratest;
@@ -41,12 +42,7 @@ struct PipeTest : ::testing::Test {
     boost::shared_ptr<SonraPipe> pipe = boost::make_shared<SonraPipe>(20);
 
     boost::shared_ptr<JournalNode> node(const std::string& name) { return boost::make_shared<JournalNode>(name, &journal); }
-    Journal take()
-    {
-        Journal taken;
-        taken.swap(journal);
-        return taken;
-    }
+    Journal take() { return std::exchange(journal, Journal()); }
 };
 
 // Connected sink-first, so that attachment order alone would be wrong.
@@ -88,7 +84,7 @@ TEST_F(PipeTest, InputIndexesCountPerSinkAndSurviveDisconnection)
     EXPECT_FALSE(sink->getInputData(1));
 }
 
-TEST_F(PipeTest, RefusesACycleAndLeavesTheGraphAsItWas)
+TEST_F(PipeTest, RefusesACycleAndRemovesANodeWithItsConnections)
 {
     auto a = node("a"), b = node("b"), c = node("c");
     pipe->connect(a, b);
@@ -105,17 +101,8 @@ TEST_F(PipeTest, RefusesACycleAndLeavesTheGraphAsItWas)
     EXPECT_TRUE(a->inputIndexes().empty());
     EXPECT_EQ(1u, b->inputIndexes().size());
     take();
-    pipe->processFrame();
-    EXPECT_EQ("process a", take().front());
-}
-
-TEST_F(PipeTest, RemovingANodeDetachesItAndItsConnections)
-{
-    auto a = node("a"), b = node("b"), c = node("c");
-    pipe->connect(a, b);
-    pipe->connect(b, c);
-    pipe->processFrame();
-    take();
+    pipe->processFrame(); // the graph is as it was
+    EXPECT_EQ((Journal{"process a", "process b", "process c", "tick a", "tick b", "tick c"}), take());
     pipe->removeNode(b);
     EXPECT_EQ((Journal{"detach b"}), take());
     EXPECT_TRUE(c->inputIndexes().empty() && b->inputIndexes().empty());
@@ -161,8 +148,6 @@ TEST(Node, FrameSizeNormalizeAndADevNodePublishesExactlyWhatItsCallableReturns)
               (Samples{SonraNode::normalize(40000), SonraNode::normalize(-40000), SonraNode::normalize(1234)}));
     EXPECT_EQ(16000u, SonraNode::DEFAULT_SAMPLE_RATE);
     SonraDevNode idle(SonraDevNode::Source(), ioService(), 20, 16000);
-    EXPECT_EQ(1u, idle.outputChannels());
-    EXPECT_EQ(640u, idle.frameSize());
     EXPECT_FALSE(idle.doProcess());
 
     const Frame frame = frameOf({1, 2, 3});

@@ -18,14 +18,6 @@ const unsigned FRAME_BYTES = 640;  // one channel's 20 ms at 16 kHz
 const unsigned RING_BYTES = 11520; // 360 ms of one channel at 16 kHz
 const std::string FAILED = "Failed to open audio device stream in audio device container, code=";
 
-std::string pattern(std::size_t length, unsigned seed = 0)
-{
-    std::string bytes(length, '\0');
-    for (std::size_t i = 0; i < length; ++i)
-        bytes[i] = static_cast<char>('A' + (i * 7 + seed) % 50);
-    return bytes;
-}
-
 std::string textOf(const Frame& frame) { return frame ? std::string(frame->begin(), frame->end()) : "<none>"; }
 std::string zeros(std::size_t n) { return std::string(n, '\0'); }
 
@@ -36,8 +28,7 @@ struct Fixture {
     explicit Fixture(bool withCapture = true, unsigned frameMs = FRAME_MS, unsigned ringMs = 360, unsigned rate = RATE)
         : container(boost::make_shared<SonraDevNodesContainer>(ioService(), frameMs, ringMs, rate))
     {
-        builder->device = device;
-        container->setPlaybackDeviceBuilder(builder);
+        container->setPlaybackDeviceBuilder(device);
         if (withCapture)
             container->create(true, false);
         container->create(false, false);
@@ -56,7 +47,6 @@ struct Fixture {
     void play(const Frame& frame) { source.push(frame), pipe->processFrame(); }
 
     boost::shared_ptr<FakeDevice> device = boost::make_shared<FakeDevice>();
-    boost::shared_ptr<FakeBuilder> builder = boost::make_shared<FakeBuilder>();
     boost::shared_ptr<SonraDevNodesContainer> container;
     boost::shared_ptr<SonraPipe> pipe = boost::make_shared<SonraPipe>(FRAME_MS);
     QueueSource source;
@@ -68,9 +58,7 @@ TEST(DeviceContainer, BuilderIsAskedOnlyForPlaybackOnlyDevices)
 {
     Fixture f(false);
     f.container->create(false, true);
-    EXPECT_EQ(2, f.builder->calls);
-    EXPECT_FALSE(f.builder->lastCapture);
-    EXPECT_EQ(RATE, f.builder->lastSampleRate);
+    EXPECT_EQ((std::vector<std::pair<bool, unsigned> >(2, {false, RATE})), f.device->builds);
     EXPECT_EQ(f.device, f.container->device());
     EXPECT_TRUE(f.device->aecEnabled);
     EXPECT_FALSE(f.container->capture());
@@ -80,12 +68,12 @@ TEST(DeviceContainer, BuilderIsAskedOnlyForPlaybackOnlyDevices)
 
     f.container->create(true, true);
     EXPECT_EQ("virtual", f.container->devices(SonraDeviceInfo::CAPTURE).at(0)->name());
-    EXPECT_EQ(3, f.builder->calls); // the playback list only
+    EXPECT_EQ(3u, f.device->builds.size()); // the playback list only
     EXPECT_TRUE(f.container->capture());
     EXPECT_TRUE(boost::dynamic_pointer_cast<SonraUniversalDevice>(f.container->device()));
     EXPECT_EQ(0, f.device->stops); // the earlier device is released, not stopped
 
-    f.builder->device.reset(); // a builder without a device: the universal one
+    f.device->buildable = false; // a builder without a device: the universal one
     f.container->create(false, false);
     EXPECT_TRUE(boost::dynamic_pointer_cast<SonraUniversalDevice>(f.container->device()));
     EXPECT_FALSE(f.container->device()->aecEnabled);
@@ -98,38 +86,30 @@ TEST(DeviceContainerDeathTest, VoicePreprocessorNeedsADevice)
     EXPECT_DEATH(container.hasVoicePreprocessor(), "d->m_devicePtr");
 }
 
-TEST(DeviceContainer, StartFillsTheStreamConfiguration)
+TEST(DeviceContainer, StartFillsTheStreamConfigurationOfferingCaptureOnlyWithACaptureNode)
 {
-    Fixture f;
+    Fixture f, playOnly(false);
     f.container->create(false, true);
-    f.container->setCaptureDevice("mic");
     f.container->setPlaybackDevice("speaker");
+    for (Fixture* g : {&f, &playOnly})
+        g->container->setCaptureDevice("mic");
     LogCapture debug("audio2");
     std::string message = "untouched";
     EXPECT_EQ(0, f.container->start(2, 3, &message));
-    EXPECT_EQ("Device not ready", f.device->messageOnEntry);
     EXPECT_EQ("Device not ready", message); // the device left it alone
     const SonraStreamConfiguration& c = f.device->lastConfiguration;
     EXPECT_EQ((std::vector<unsigned>{FRAME_MS, RATE, 2, 3}),
               (std::vector<unsigned>{c.frameDuration, c.sampleRate, c.playbackChannels, c.captureChannels}));
     EXPECT_EQ("speaker mic", c.playbackDevice + " " + c.captureDevice);
     EXPECT_EQ(ioService(), c.ioService);
-    EXPECT_EQ(std::vector<std::string>{"Capture, channels=3 aec enabled=true"}, debug.texts());
-}
-
-TEST(DeviceContainer, WithoutCaptureNodeNoCaptureIsOfferedOrKept)
-{
-    Fixture f(false);
-    f.container->setCaptureDevice("mic");
-    LogCapture debug("audio2");
-    EXPECT_EQ(0, f.container->start(1, 2, nullptr));
-    EXPECT_EQ(0u, f.device->lastConfiguration.captureChannels);
-    EXPECT_EQ("", f.device->lastConfiguration.captureDevice);
-    EXPECT_TRUE(debug.texts().empty());
-    f.play(frameOf({0x3031}));
-    EXPECT_EQ(std::string("10\0\0", 4), f.block("captured", 4)); // playback still filled
-    EXPECT_TRUE(f.device->callback("in", 2, nullptr, 4, 0)); // no playback buffer: nothing is written
-    EXPECT_FALSE(f.container->processCapture());
+    EXPECT_EQ(0, playOnly.container->start(1, 2, nullptr));
+    EXPECT_EQ(0u, playOnly.device->lastConfiguration.captureChannels);
+    EXPECT_EQ("", playOnly.device->lastConfiguration.captureDevice);
+    EXPECT_EQ(std::vector<std::string>{"Capture, channels=3 aec enabled=true"}, debug.texts()); // none for playOnly
+    playOnly.play(frameOf({0x3031}));
+    EXPECT_EQ(std::string("10\0\0", 4), playOnly.block("captured", 4)); // playback still filled
+    EXPECT_TRUE(playOnly.device->callback("in", 2, nullptr, 4, 0)); // no playback buffer: nothing is written
+    EXPECT_FALSE(playOnly.container->processCapture());
 }
 
 TEST(DeviceContainer, FailedStartsReportCodeAndText)
@@ -145,9 +125,6 @@ TEST(DeviceContainer, FailedStartsReportCodeAndText)
     EXPECT_EQ(-9985, f.container->start(1, 1, &message));
     EXPECT_EQ("Device unavailable", message);
     EXPECT_EQ((std::vector<std::string>{FAILED + "-6", FAILED + "-9985"}), log.texts(LogSeverity::Warning));
-    f.device->startResult = 0;
-    EXPECT_EQ(0, f.container->start(1, 1, &message));
-    EXPECT_EQ(0, f.device->stops); // it was not started: no stop first
     noDevice.resetDevice();        // without a device: only the rings
 }
 
@@ -164,23 +141,18 @@ TEST(DeviceContainer, SlotsFollowThePipesSignals)
         f.pipe->reset(0); // empties both rings
         EXPECT_EQ(zeros(6), f.block("", 6));
         EXPECT_EQ(zeros(FRAME_BYTES), textOf(f.container->processCapture()));
-        EXPECT_EQ(start, f.device->stops);
-        EXPECT_EQ(start + 1, f.device->workCycles);
-        EXPECT_EQ(start + 1, f.device->resets);
+        EXPECT_EQ((std::vector<int>{start + 1, start, start + 1, start + 1}), f.device->counts());
     }
     f.container->stop();
     f.pipe->processFrame();
     f.pipe->reset(0);
-    EXPECT_EQ(2, f.device->stops);
-    EXPECT_EQ(2, f.device->workCycles);
-    EXPECT_EQ(2, f.device->resets);
+    EXPECT_EQ((std::vector<int>{2, 2, 2, 2}), f.device->counts());
 
-    f.device->startResult = -1; // a failed start keeps its connections, made once
+    f.device->startResult = -1; // a failed start keeps its connections, made once, and needs no stop
     EXPECT_EQ(-1, f.container->start(1, 1, nullptr));
     EXPECT_EQ(-1, f.container->start(1, 1, nullptr));
     f.pipe->processFrame();
-    EXPECT_EQ(3, f.device->workCycles);
-    EXPECT_EQ(2, f.device->stops);
+    EXPECT_EQ((std::vector<int>{4, 2, 3, 2}), f.device->counts());
 }
 
 TEST(DeviceContainer, PipeSignalsOwnTheStartedContainer)
@@ -207,7 +179,7 @@ TEST(DeviceContainer, RingsHoldTheirDurationOfOneChannel)
 {
     Fixture f;
     ASSERT_EQ(0, f.container->start(1, 20, nullptr)); // 20 channels: 12800-byte capture frames
-    const std::string captured = pattern(12000), toPlay = pattern(12000, 3);
+    const std::string captured = textOf(frameOf(noise(6000, 1))), toPlay = textOf(frameOf(noise(6000, 3)));
     f.block(captured, 0);
     EXPECT_TRUE(captured.substr(12000 - RING_BYTES) + zeros(12800 - RING_BYTES) == textOf(f.container->processCapture()));
     f.play(boost::make_shared<std::vector<char> >(toPlay.begin(), toPlay.end()));

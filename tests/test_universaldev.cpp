@@ -38,19 +38,18 @@ struct Recorder {
         return [this, stopAfter](const char* in, int inLength, char* out, int outLength, int status) {
             std::lock_guard<std::mutex> lock(mutex);
             EXPECT_EQ(0, status);
-            inLengths.push_back(in ? inLength : -1);
-            outLengths.push_back(out ? outLength : -1);
+            lengths.push_back({in ? inLength : -1, out ? outLength : -1});
             if (in)
                 captured.insert(captured.end(), (const int16_t*)in, (const int16_t*)in + inLength / 2);
             for (int i = 0; out && i < outLength / 2; ++i)
                 reinterpret_cast<int16_t*>(out)[i] = static_cast<int16_t>(++counter);
-            return stopAfter < 0 || static_cast<int>(inLengths.size()) < stopAfter;
+            return stopAfter < 0 || static_cast<int>(lengths.size()) < stopAfter;
         };
     }
     std::size_t blocks()
     {
         std::lock_guard<std::mutex> lock(mutex);
-        return inLengths.size();
+        return lengths.size();
     }
     void waitFor(std::size_t count)
     {
@@ -60,7 +59,7 @@ struct Recorder {
 
     std::mutex mutex;
     int counter = 0;
-    std::vector<int> inLengths, outLengths;
+    std::vector<std::pair<int, int> > lengths; // captured and played bytes of each block, -1 without a buffer
     std::vector<int16_t> captured;
 };
 
@@ -128,8 +127,8 @@ TEST(UniversalDevice, VirtualDeviceKeepsTheStreamsPace)
 
     EXPECT_GE(blocks, 10u); // one block per 20 ms, loosely: the machine may be busy
     EXPECT_LE(double(blocks), seconds / 0.020 + 1);
-    EXPECT_EQ(std::vector<int>(blocks, BLOCK_SAMPLES * 2 * 2), recorder.inLengths);
-    EXPECT_EQ(std::vector<int>(blocks, BLOCK_SAMPLES * 2), recorder.outLengths);
+    const std::pair<int, int> stereoInMonoOut(BLOCK_SAMPLES * 2 * 2, BLOCK_SAMPLES * 2); // bytes
+    EXPECT_EQ((std::vector<std::pair<int, int> >(blocks, stereoInMonoOut)), recorder.lengths);
     EXPECT_EQ(rms(recorder.captured), 0.0); // "virtual" captures silence
     std::this_thread::sleep_for(std::chrono::milliseconds(60));
     EXPECT_EQ(blocks, recorder.blocks()); // nothing after stop

@@ -1,6 +1,6 @@
-# Installs the build into a fresh prefix, then configures, builds and runs a
-# small consumer against it, once through the CMake package and once through
-# pkg-config, so that a broken export fails here.
+# Installs the build into a fresh prefix, then configures, builds and runs the
+# examples against it, the smallest once through the CMake package and once
+# through pkg-config, so that a broken export fails here.
 file(REMOVE_RECURSE ${WORK_DIR})
 set(prefix ${WORK_DIR}/prefix)
 
@@ -21,12 +21,12 @@ if(EXISTS ${prefix}/bin/sonra-netsim)
   endif()
 endif()
 
-run_step(${CMAKE_COMMAND} -S ${SOURCE_DIR}/tests/install/consumer -B ${WORK_DIR}/consumer
+run_step(${CMAKE_COMMAND} -S ${SOURCE_DIR}/examples/mix -B ${WORK_DIR}/mix
          -G ${GENERATOR} -DCMAKE_PREFIX_PATH=${prefix})
-run_step(${CMAKE_COMMAND} --build ${WORK_DIR}/consumer)
-run_step(${WORK_DIR}/consumer/consumer)
+run_step(${CMAKE_COMMAND} --build ${WORK_DIR}/mix)
+run_step(${WORK_DIR}/mix/mix)
 if(NOT step_output MATCHES "mixed 640 bytes, first sample 3000")
-  message(FATAL_ERROR "consumer printed: ${step_output}")
+  message(FATAL_ERROR "mix example printed: ${step_output}")
 endif()
 
 # pkg-config: compile the same program with the flags the .pc file gives.
@@ -37,11 +37,11 @@ if(NOT result EQUAL 0)
   message(FATAL_ERROR "pkg-config does not know audio2components")
 endif()
 separate_arguments(flags UNIX_COMMAND "${flags}")
-run_step(c++ -std=c++17 ${SOURCE_DIR}/tests/install/consumer/consumer.cpp ${flags}
-         -Wl,-rpath,${prefix}/lib -o ${WORK_DIR}/consumer_pc)
-run_step(${WORK_DIR}/consumer_pc)
+run_step(c++ -std=c++17 ${SOURCE_DIR}/examples/mix/mix.cpp ${flags}
+         -Wl,-rpath,${prefix}/lib -o ${WORK_DIR}/mix_pc)
+run_step(${WORK_DIR}/mix_pc)
 if(NOT step_output MATCHES "mixed 640 bytes, first sample 3000")
-  message(FATAL_ERROR "pkg-config consumer printed: ${step_output}")
+  message(FATAL_ERROR "pkg-config mix example printed: ${step_output}")
 endif()
 
 # The README's receive-path example, against the same installed package.

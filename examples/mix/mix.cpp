@@ -1,4 +1,4 @@
-// Mixes two constant sources through the installed package.
+// The smallest graph: two sources mixed into one frame, through the installed package.
 #include <sonradevnode.h>
 #include <sonramixernode.h>
 
