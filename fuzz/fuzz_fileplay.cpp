@@ -7,6 +7,7 @@
 // node is gone it fired exactly once after a start, and never after a
 // failure, which leaves the node silent.
 #include "fuzzutil.h"
+#include "sonramemoryvsndfilevfs.h"
 #include "sonrafileplaynode.h"
 
 using namespace sonrafuzz;
@@ -54,11 +55,4 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size)
     player.reset();
     FUZZ_CHECK(calls == (result == 0 ? 1u : 0u));
     return 0;
-}
-
-// Each sound file in a different graph configuration, some equal to the
-// file's rate, some converted, two looping.
-std::vector<Bytes> fuzzSeeds()
-{
-    return soundFileSeeds({{1, 0, 0}, {0, 1, 1}, {3, 4, 0}, {2, 5, 1}, {4, 2, 0}, {1, 3, 0}});
 }

@@ -7,6 +7,7 @@
 // start() by the time the node is gone, with -4 after a start, and -2 or -4
 // after a failure.
 #include "fuzzutil.h"
+#include "sonramemoryvsndfilevfs.h"
 #include "sonrafilereadernode.h"
 
 using namespace sonrafuzz;
@@ -62,11 +63,4 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size)
     FUZZ_CHECK(codes.size() == 1);
     FUZZ_CHECK(codes[0] == SonraFileReaderNode::CODE_FINISHED || (result != 0 && codes[0] == SonraFileReaderNode::CODE_FAILED));
     return 0;
-}
-
-// Each sound file in a different graph configuration, some equal to the
-// file's rate, some converted, one asking a seek past its end.
-std::vector<Bytes> fuzzSeeds()
-{
-    return soundFileSeeds({{1, 0, 0}, {0, 1, 0}, {3, 4, 0}, {2, 5, 1}, {4, 2, 0}, {1, 3, 0}});
 }

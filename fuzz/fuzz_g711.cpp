@@ -52,18 +52,3 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size)
     }
     return 0;
 }
-
-// Every code once in each law, then the encoder node's own frames of speech.
-std::vector<Bytes> fuzzSeeds()
-{
-    std::vector<char> all(256), encoded;
-    for (unsigned i = 0; i < 256; ++i)
-        all[i] = char(i);
-    sonratest::NodeGraph<SonraG711EncNode> encoder(20, SonraG711EncNode::G711_RATE);
-    const std::vector<int16_t> speech = sonratest::speechLike(8000, 480);
-    encoded = *encoder.step(sonratest::frameOf(speech));
-    Writer w;
-    w.byte(FRAME).block(all, true).byte(MODE).byte(1).byte(FRAME).block(all, true).byte(MISSING);
-    w.byte(MODE).byte(0).byte(FRAME).block(encoded, true).byte(FRAME).block({}, true);
-    return {w.bytes};
-}

@@ -117,30 +117,3 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size)
     }
     return 0;
 }
-
-// A steady stream, one with loss, reordering and duplicates, and one with a
-// far jump and a wrap of the 32-bit sequence number; each at a few delays.
-std::vector<Bytes> fuzzSeeds()
-{
-    std::vector<Bytes> seeds;
-    for (unsigned config = 0; config < 3; ++config) {
-        Writer steady, rough, jumps;
-        for (Writer* w : {&steady, &rough, &jumps})
-            w->byte(config).byte(config).byte(config).byte(config).byte(config * 5);
-        rough.byte(POLICY).byte(config);  // adaptive playout in the second configuration
-        jumps.byte(RECOVERY).byte(config); // recovery in the second configuration
-        for (unsigned frame = 0; frame < 100; ++frame) {
-            steady.byte(PUT_NEXT).byte(GET).byte(TICK).byte(20);
-            if (frame % 7 == 3)
-                rough.byte(PUT_NEAR).byte(frame % 2 ? 0xfe : 3); // two back, or a duplicate ahead
-            else
-                rough.byte(PUT_NEXT);
-            rough.byte(GET).byte(TICK).byte(10 + frame % 23);
-        }
-        for (uint32_t seqNum : {5u, 6u, 900u, 0x7ffffffeu, 0x7fffffffu, 0x80000000u, 0xffffffffu, 0u, 1u, 2u})
-            jumps.byte(PUT_ANY).u32(seqNum).byte(GET).byte(TICK).byte(20);
-        jumps.byte(RESET).byte(PUT_NEXT).byte(GET).byte(CONFIGURE).byte(1).byte(2).byte(0).byte(1).byte(3);
-        seeds.insert(seeds.end(), {steady.bytes, rough.bytes, jumps.bytes});
-    }
-    return seeds;
-}

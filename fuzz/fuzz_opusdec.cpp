@@ -59,24 +59,3 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size)
     opus_decoder_destroy(bare);
     return 0;
 }
-
-// Packets of the encoder node at each rate with a matching and a
-// mismatching graph frame, with gaps and a reset between them.
-std::vector<Bytes> fuzzSeeds()
-{
-    std::vector<Bytes> seeds;
-    for (unsigned r = 0; r < 5; r += 2) {
-        for (unsigned d : {1u, 0u}) {
-            const std::vector<Frame> packets = encodedSpeech(DURATIONS[d], RATES[r], 8, false);
-            Writer w;
-            w.byte(r).byte(1); // decoded as 20 ms frames
-            for (std::size_t i = 0; i < packets.size(); ++i) {
-                w.byte(PACKET).block(*packets[i], true);
-                if (i % 3 == 1 || i == 5)
-                    w.byte(i == 5 ? RESET : MISSING);
-            }
-            seeds.push_back(w.bytes);
-        }
-    }
-    return seeds;
-}

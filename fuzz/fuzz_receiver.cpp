@@ -89,30 +89,3 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size)
     pipe->clear(); // the receiver holds the pipe as its clock
     return 0;
 }
-
-// Real packets of the sender node (Opus payloads): in order, with loss,
-// reordering and a duplicate, and interleaved with short and empty datagrams.
-std::vector<Bytes> fuzzSeeds()
-{
-    const std::vector<Frame> packets = encodedSpeech(20, 16000, 16, true);
-    std::vector<Bytes> seeds;
-    for (unsigned config : {0u, 2u, 4u}) {
-        Writer steady, rough;
-        steady.byte(config);
-        rough.byte(config).byte(RECOVERY).byte(1).byte(POLICY).byte(config);
-        for (std::size_t i = 0; i < packets.size(); ++i) {
-            steady.byte(DATAGRAM).block(*packets[i]).byte(FRAME);
-            const std::size_t sent = i % 4 == 1 ? i + 1 : (i % 4 == 2 ? i - 1 : i); // swapped pairs
-            if (i % 6 != 5)
-                rough.byte(DATAGRAM).block(*packets[sent]);
-            if (i % 8 == 0)
-                rough.byte(DATAGRAM).block(*packets[sent]).byte(DATAGRAM).block({'x', 'y'});
-            rough.byte(FRAME);
-            if (i % 3 == 0)
-                rough.byte(PACKET).byte(0).u16(i * 20).block({}).byte(FRAME);
-        }
-        rough.byte(RESET).byte(40).byte(FRAME).byte(FRAME);
-        seeds.insert(seeds.end(), {steady.bytes, rough.bytes});
-    }
-    return seeds;
-}

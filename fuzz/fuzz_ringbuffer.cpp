@@ -53,17 +53,3 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size)
     }
     return 0;
 }
-
-// Wrapping puts and gets, an overflow, a shrink and a zero capacity.
-std::vector<Bytes> fuzzSeeds()
-{
-    const std::vector<char> ten = {'0', '1', '2', '3', '4', '5', '6', '7', '8', '9'};
-    Writer w;
-    w.u16(16);
-    for (int i = 0; i < 5; ++i)
-        w.byte(PUT).block(ten, true).byte(GET).u16(7);
-    w.byte(PUT).block(std::vector<char>(40, 'a'), true).byte(RESIZE).u16(5).byte(GET).u16(9);
-    w.byte(RESIZE).u16(0).byte(PUT).block(ten, true).byte(GET).u16(3).byte(RESET).byte(RESIZE).u16(12);
-    w.byte(PUT).block(ten, true).byte(GET).u16(0).byte(GET).u16(12);
-    return {w.bytes};
-}

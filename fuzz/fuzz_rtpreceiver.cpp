@@ -4,9 +4,7 @@
 // packet of the payload type then accepted, no larger than one frame can
 // deliver, and is played no more often than it was received.
 #include "fuzzutil.h"
-#include "sonrag711encnode.h"
 #include "sonrartpreceivernode.h"
-#include "sonrartpsendernode.h"
 
 #include <map>
 
@@ -74,25 +72,4 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size)
         }
     }
     return 0;
-}
-
-// The RTP sender node's packets of G.711 frames: in order, and with loss,
-// reordering, a duplicate and packets of another payload type.
-std::vector<Bytes> fuzzSeeds()
-{
-    const std::vector<Frame> packets =
-        encodedSpeech<ombrel::SonraG711EncNode, ombrel::SonraRtpSenderNode>(20, 8000, 12, true);
-    Writer steady, rough;
-    steady.byte(0).byte(1);
-    rough.byte(0).byte(1).byte(CONCEALMENT).byte(1);
-    for (std::size_t i = 0; i < packets.size(); ++i) {
-        steady.byte(DATAGRAM).block(*packets[i], true).byte(FRAME);
-        if (i % 5 != 4)
-            rough.byte(DATAGRAM).block(*packets[i % 4 == 1 ? i + 1 : (i % 4 == 2 ? i - 1 : i)], true);
-        if (i % 6 == 0)
-            rough.byte(DATAGRAM).block(*packets[i], true).byte(PACKET).byte(0).byte(0).byte(0).byte(1).block({1, 2, 3}, true);
-        rough.byte(FRAME);
-    }
-    rough.byte(PAYLOAD_TYPE).byte(0).byte(0).byte(RESET).byte(FRAME);
-    return {steady.bytes, rough.bytes};
 }
