@@ -67,17 +67,6 @@ TEST(NetSim, WithoutLossPcmComesBackExactlyAfterTheNetworkDelay)
     EXPECT_EQ(50u, summary.spectralFrames);
 }
 
-// A decoder that waits for each packet's successor plays every frame one
-// frame later; the figures still set each frame against its own input.
-TEST(NetSim, WithFecRecoveryTheFiguresFollowTheLaterOutput)
-{
-    Config config = configWith(Codec::Opus, 30);
-    config.fecLoss = 10;
-    const Summary summary = simulate(speech(2.0), config).summary;
-    EXPECT_GT(summary.snr, 8.0);
-    EXPECT_LT(summary.spectralDistance, 3.0);
-}
-
 TEST(NetSim, WithLossEveryPacketThatArrivedIsPlayedOnceInOrder)
 {
     const std::vector<int16_t> input = speech(3.0);
