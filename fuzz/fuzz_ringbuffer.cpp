@@ -16,7 +16,7 @@ enum Op { PUT, GET, RESIZE, RESET, OP_COUNT };
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size)
 {
     Reader in(data, size);
-    std::size_t capacity = in.u16() % 4096; // bytes
+    std::size_t capacity = in.u16() % 16384; // bytes: past 4 KiB held, appending takes its other way
     ombrel::SonraRingBuffer ring(static_cast<unsigned>(capacity));
     std::deque<char> model; // oldest first
     for (unsigned step = 0; step < 4096 && !in.done(); ++step) {
@@ -40,7 +40,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size)
             break;
         }
         case RESIZE:
-            capacity = in.u16() % 4096;
+            capacity = in.u16() % 16384;
             ring.setSize(static_cast<unsigned>(capacity));
             if (model.size() > capacity) // the newest bytes go
                 model.resize(capacity);
