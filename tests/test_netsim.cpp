@@ -67,37 +67,6 @@ TEST(NetSim, WithoutLossPcmComesBackExactlyAfterTheNetworkDelay)
     EXPECT_EQ(50u, summary.spectralFrames);
 }
 
-TEST(NetSim, WithLossEveryPacketThatArrivedIsPlayedOnceInOrder)
-{
-    const std::vector<int16_t> input = speech(3.0);
-    for (const Codec codec : {Codec::Pcm, Codec::Opus}) {
-        Config config = configWith(codec, 25);
-        config.network.lossRate = 0.10;
-        config.network.burstLength = 2;
-        config.network.jitterKind = JitterKind::Uniform; // 25..35 ms: always before the next frame but one
-        config.network.jitter = 10;
-        config.network.seed = 7;
-        const Result result = simulate(input, config);
-        const Summary& summary = result.summary;
-        EXPECT_GT(summary.lostInNetwork, 8u);
-        EXPECT_LT(summary.lostInNetwork, 30u);
-        std::vector<unsigned> arrived;
-        for (const PacketRecord& packet : result.packets)
-            if (!packet.lost)
-                arrived.push_back(packet.seqNum);
-        EXPECT_EQ(arrived, playedSeqNums(result));
-        EXPECT_EQ(summary.sent - summary.lostInNetwork, summary.played);
-        EXPECT_EQ(0u, summary.neverPlayed);
-        EXPECT_EQ(0u, summary.jbuf.framesTooOld);
-        if (codec == Codec::Opus) {
-            EXPECT_GT(summary.snr, 3.0);
-            continue;
-        }
-        for (const PacketRecord& packet : result.packets) // every played frame is its input
-            ASSERT_TRUE(!packet.played || frameAt(input, packet.seqNum - 1) == frameAt(result.output, packet.playTime / 20));
-    }
-}
-
 TEST(NetSim, UnderHeavyJitterEveryDatagramIsAccountedFor)
 {
     Config config = configWith(Codec::Opus, 40);
