@@ -313,6 +313,7 @@ TEST(VoiceChange, ShortFramesAndChannelCountsSoundTouchRefusesStaySafe)
     NodeGraph<VC> stereo(voiceChange(VC::LOWER, 2), 2);
     for (std::size_t bytes : {1u, 3u, 4u, 5u, 100u, 1279u, 1280u, 4000u})
         EXPECT_EQ(1280u, stereo.step(bytesFrame(std::vector<char>(bytes, 0x11)))->size()) << bytes;
+    EXPECT_GT(rms(NodeGraph<VC>(voiceChange(VC::HIGHER, 1, 8000)).runInPieces(Samples(1200, 20000), {1})), 0.0);
     auto node = voiceChange(VC::HIGHER);
     EXPECT_THROW(node->setOutputChannels(0), std::runtime_error);
     EXPECT_THROW(node->setOutputChannels(17), std::runtime_error);

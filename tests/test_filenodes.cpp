@@ -260,8 +260,10 @@ TEST(FileWriter, RecordsOggVorbisThatSoxReadsBack)
     EXPECT_EQ("", writer.fileName()) << "stopped by the failed write";
     EXPECT_EQ((std::vector<std::string>{refused, "Audio2 file writer failed to write data"}),
               log.texts(LogSeverity::Warning));
-    writer.setVSndFile(boost::make_shared<SonraPlainVSndFileVfs>());
+    auto closed = boost::make_shared<SonraPlainVSndFileVfs>();
+    writer.setVSndFile(closed);
     EXPECT_EQ(-1, writer.start(tempPath("no/such/dir.ogg"), 1));
+    EXPECT_EQ(0, closed->virtualIo()->write("x", 1, static_cast<SonraVSndFileVfs*>(closed.get())));
 }
 
 // Three frames, none for the tail, then a stop (callback once, also after a second stop()) or, looping, the first

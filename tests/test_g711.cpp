@@ -89,8 +89,8 @@ TEST(G711NodesDeathTest, DefaultModeSilenceOddSizesNoInputAndRate)
 {
     NodeGraph<SonraG711EncNode> encoder(DURATION, RATE);
     NodeGraph<SonraG711DecNode> decoder(DURATION, RATE);
-    EXPECT_EQ(SonraG711EncNode::MODE_ALAW, encoder.node->mode());
-    EXPECT_EQ(SonraG711DecNode::MODE_ALAW, decoder.node->mode());
+    EXPECT_EQ(1, encoder.node->mode()); // A-law, by its value
+    EXPECT_EQ(1, decoder.node->mode());
     const Frame silence = frameOf(Samples(N, 0));
     silence->push_back(0x7F); // a trailing odd byte is ignored
     EXPECT_EQ(Bytes(N, 0xD5), bytesOf(encoder.step(silence)));

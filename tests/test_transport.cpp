@@ -179,6 +179,13 @@ TEST(Jbuf, DepthDecreasesAfterAWholeObservationPeriodOfLongWaits)
         rig.put(n + 3);
     }
     EXPECT_EQ(1u, rig.jbuf.statistics().depthDecreases);
+    rig.jbuf.setRecovery(true); // a stream restarted from 1, re-anchored at 4: its first period cuts too
+    for (unsigned n = 1; n <= 170; ++n, rig.now += 20) {
+        rig.put(n);
+        if (n < 4 || n > 7) // 4 to 7 are put ahead, so each frame waits 80 ms
+            rig.get();
+    }
+    EXPECT_EQ((Counts{2, 1}), (Counts{rig.jbuf.statistics().depthDecreases, rig.jbuf.statistics().resyncs}));
 }
 
 TEST(Jbuf, AClockStuckAtZeroNeverDecreasesTheDepth)

@@ -130,9 +130,12 @@ TEST(UniversalDevice, VirtualDeviceKeepsTheStreamsPace)
     const std::pair<int, int> stereoInMonoOut(BLOCK_SAMPLES * 2 * 2, BLOCK_SAMPLES * 2); // bytes
     EXPECT_EQ((std::vector<std::pair<int, int> >(blocks, stereoInMonoOut)), recorder.lengths);
     EXPECT_EQ(rms(recorder.captured), 0.0); // "virtual" captures silence
+    ASSERT_EQ(0, device.start(configuration("virtual", 1, "", 0, RATE, 5000), first.callback(), &message));
     std::this_thread::sleep_for(std::chrono::milliseconds(60));
     EXPECT_EQ(blocks, recorder.blocks()); // nothing after stop
-    device.stop();
+    const auto stopping = std::chrono::steady_clock::now();
+    device.stop(); // wakes the stream's thread, which would otherwise wait out its 5 s block
+    EXPECT_LT(std::chrono::duration<double>(std::chrono::steady_clock::now() - stopping).count(), 2.0);
 }
 
 // A stereo file captured into one channel (mixed), and what is played
