@@ -13,17 +13,12 @@ const unsigned RATE = 16000;   // Hz
 const std::size_t FRAME = 320; // samples per channel in 20 ms
 typedef std::pair<std::size_t, std::size_t> Span; // first sample, count
 
-struct DenoiseGraph : NodeGraph<SonraNoiseSupressNode> {
-    explicit DenoiseGraph(unsigned channels = 1, unsigned rate = RATE, unsigned frameMs = 20)
-        : NodeGraph(make(channels, rate, frameMs), channels) {}
-    static boost::shared_ptr<SonraNoiseSupressNode> make(unsigned channels, unsigned rate, unsigned frameMs)
-    {
-        auto node = boost::make_shared<SonraNoiseSupressNode>(ioService(), frameMs, rate);
-        node->setOutputChannels(channels);
-        return node;
-    }
-    Samples runAll(const Samples& samples, std::size_t step) { return runInPieces(samples, {step}); }
-};
+NodeGraph<SonraNoiseSupressNode> denoiser(unsigned channels = 1, unsigned rate = RATE, unsigned frameMs = 20)
+{
+    auto node = boost::make_shared<SonraNoiseSupressNode>(ioService(), frameMs, rate);
+    node->setOutputChannels(channels);
+    return NodeGraph<SonraNoiseSupressNode>(node, channels);
+}
 
 Samples whiteNoise(std::size_t count, double rms, unsigned seed)
 {
@@ -92,14 +87,14 @@ TEST(NoiseSupress, LowersTheNoiseFloorInSpeechPauses)
 {
     const NoisySpeech& scene = noisySpeech();
     ASSERT_GT(scene.speech[0].second, RATE) << "espeak-ng and sox must be installed (scripts/bootstrap)";
-    DenoiseGraph graph, graph48(1, 48000);
-    const Samples out = graph.runAll(scene.noisy, FRAME);
+    auto graph = denoiser(), graph48 = denoiser(1, 48000);
+    const Samples out = graph.runInPieces(scene.noisy, {FRAME});
     ASSERT_EQ(out.size(), scene.noisy.size());
     for (const Span& pause : scene.pauses)
         EXPECT_GE(levelDb(scene.noisy, pause) - levelDb(out, pause), 10.0) << "pause at " << pause.first;
     for (const Span& speech : scene.speech)
         EXPECT_GT(levelDb(out, speech), levelDb(scene.clean, speech) - 3.0) << "speech at " << speech.first;
-    const Samples noise = whiteNoise(100 * 960, 2000.0, 3), out48 = graph48.runAll(noise, 960);
+    const Samples noise = whiteNoise(100 * 960, 2000.0, 3), out48 = graph48.runInPieces(noise, {960});
     ASSERT_EQ(out48.size(), noise.size());
     EXPECT_GE(levelDb(noise, {50 * 960, 50 * 960}) - levelDb(out48, {50 * 960, 50 * 960}), 10.0);
 }
@@ -111,12 +106,14 @@ TEST(NoiseSupress, StereoChannelsAreDenoisedIndependently)
 {
     const Samples speech = slice(noisySpeech().noisy, 0, 4 * RATE);
     const Samples hiss = whiteNoise(4 * RATE, 4000.0, 99), tone = sine(440.0, RATE, 4 * RATE, 20000.0);
-    DenoiseGraph stereo(2), speechAlone, hissAlone, toneAlone;
-    const Samples speechOut = speechAlone.runAll(speech, FRAME);
+    auto stereo = denoiser(2), speechAlone = denoiser(), hissAlone = denoiser(), toneAlone = denoiser();
+    const Samples speechOut = speechAlone.runInPieces(speech, {FRAME});
     EXPECT_NE(speechOut, speech) << "the speech was not processed";
-    EXPECT_EQ(stereo.runAll(interleave(speech, hiss), 2 * FRAME), interleave(speechOut, hissAlone.runAll(hiss, FRAME)));
+    EXPECT_EQ(stereo.runInPieces(interleave(speech, hiss), {2 * FRAME}),
+              interleave(speechOut, hissAlone.runInPieces(hiss, {FRAME})));
     stereo.pipe->reset(0);
-    EXPECT_EQ(stereo.runAll(interleave(speech, tone), 2 * FRAME), interleave(speechOut, toneAlone.runAll(tone, FRAME)));
+    EXPECT_EQ(stereo.runInPieces(interleave(speech, tone), {2 * FRAME}),
+              interleave(speechOut, toneAlone.runInPieces(tone, {FRAME})));
 }
 
 // Whole frames are denoised in place; anything else (a short frame, one of
@@ -124,7 +121,7 @@ TEST(NoiseSupress, StereoChannelsAreDenoisedIndependently)
 // passes untouched, and no input gives no output.
 TEST(NoiseSupress, WorksInPlaceOnWholeFramesOnly)
 {
-    DenoiseGraph mono, stereo(2), backToMono(2), noSamples(2, RATE, 0);
+    auto mono = denoiser(), stereo = denoiser(2), backToMono = denoiser(2), noSamples = denoiser(2, RATE, 0);
     backToMono.node->setOutputChannels(1);
     const Frame in = frameOf(slice(noisySpeech().noisy, 0, FRAME));
     EXPECT_EQ(mono.step(in).get(), in.get());

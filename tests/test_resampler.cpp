@@ -12,17 +12,13 @@ namespace {
 const double TONE = 1000.0;       // Hz
 const double AMPLITUDE = 10000.0; // of the test tone, 16-bit scale
 
-struct ResamplerGraph : NodeGraph<SonraResamplerNode> {
-    ResamplerGraph(unsigned inRate, unsigned outRate, unsigned channels = 1)
-        : NodeGraph(make(inRate, outRate, channels), channels, inRate) {}
-    static boost::shared_ptr<SonraResamplerNode> make(unsigned inRate, unsigned outRate, unsigned channels)
-    {
-        auto node = boost::make_shared<SonraResamplerNode>(ioService(), inRate, outRate, 20);
-        node->setOutputChannels(channels);
-        return node;
-    }
-    Samples runAll(const Samples& samples, std::size_t step) { return runInPieces(samples, {step}); }
-};
+// A resampler from `inRate` to `outRate` fed in its own pipe.
+NodeGraph<SonraResamplerNode> resampler(unsigned inRate, unsigned outRate, unsigned channels = 1)
+{
+    auto node = boost::make_shared<SonraResamplerNode>(ioService(), inRate, outRate, 20);
+    node->setOutputChannels(channels);
+    return NodeGraph<SonraResamplerNode>(node, channels, inRate);
+}
 
 class ResamplerTone : public testing::TestWithParam<std::pair<unsigned, unsigned> > {};
 
@@ -41,8 +37,8 @@ TEST_P(ResamplerTone, IsSeamlessKeepsLevelAndMatchesSox)
 {
     const unsigned inRate = GetParam().first, rate = GetParam().second;
     const Samples in = sine(TONE, inRate, inRate, AMPLITUDE);
-    ResamplerGraph graph(inRate, rate);
-    const Samples out = graph.runAll(in, inRate / 50);
+    auto graph = resampler(inRate, rate);
+    const Samples out = graph.runInPieces(in, {inRate / 50});
     ASSERT_NEAR(double(out.size()), double(rate), 1.0) << "one second in, one second out";
 
     int error = 0;
@@ -78,14 +74,14 @@ INSTANTIATE_TEST_SUITE_P(Rates, ResamplerTone,
 TEST(Resampler, StereoChannelsStayApart)
 {
     const Samples left = sine(TONE, 16000, 3200, AMPLITUDE), right = sine(1500.0, 16000, 3200, 20000.0);
-    ResamplerGraph stereo(16000, 48000, 2), monoLeft(16000, 48000), monoRight(16000, 48000);
-    monoLeft.runAll(right, 320);
+    auto stereo = resampler(16000, 48000, 2), monoLeft = resampler(16000, 48000), monoRight = resampler(16000, 48000);
+    monoLeft.runInPieces(right, {320});
     monoLeft.pipe->reset(0);
-    stereo.runAll(interleave(right, left), 640);
+    stereo.runInPieces(interleave(right, left), {640});
     stereo.pipe->reset(0);
-    const Samples both = stereo.runAll(interleave(left, right), 640);
+    const Samples both = stereo.runInPieces(interleave(left, right), {640});
     ASSERT_EQ(both.size(), 2u * 9600);
-    EXPECT_EQ(both, interleave(monoLeft.runAll(left, 320), monoRight.runAll(right, 320)));
+    EXPECT_EQ(both, interleave(monoLeft.runInPieces(left, {320}), monoRight.runInPieces(right, {320})));
 }
 
 // Equal rates pass the very same buffer. A short frame is resampled for the
@@ -96,7 +92,8 @@ TEST(Resampler, StereoChannelsStayApart)
 // input there is no output.
 TEST(Resampler, SizesFramesInsideTheirBuffers)
 {
-    ResamplerGraph same(16000, 16000), graph(16000, 48000, 2), zeroRate(0, 16000), down(44100, 16000);
+    auto same = resampler(16000, 16000), graph = resampler(16000, 48000, 2), zeroRate = resampler(0, 16000),
+         down = resampler(44100, 16000);
     const Frame in = frameOf(sine(TONE, 16000, 320));
     EXPECT_EQ(same.step(in).get(), in.get());
     EXPECT_EQ(samplesOf(graph.step(frameOf(Samples(2 * 100 + 1, 500)))).size(), 300u * 2);
