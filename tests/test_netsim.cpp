@@ -4,7 +4,6 @@
 
 #include "testutil.h"
 
-#include <functional>
 #include <sstream>
 
 using namespace sonranetsim;
@@ -65,57 +64,6 @@ TEST(NetSim, WithoutLossPcmComesBackExactlyAfterTheNetworkDelay)
     EXPECT_EQ(640, summary.fixedLag);
     EXPECT_EQ(0.0, summary.spectralDistance);
     EXPECT_EQ(50u, summary.spectralFrames);
-}
-
-TEST(NetSim, UnderHeavyJitterEveryDatagramIsAccountedFor)
-{
-    Config config = configWith(Codec::Opus, 40);
-    NetworkModel& network = config.network;
-    network.lossRate = 0.10;
-    network.burstLength = 3;
-    network.jitterKind = JitterKind::Pareto;
-    network.jitter = 15;
-    network.reorderRate = network.duplicateRate = 0.05;
-    network.spikeRate = 0.01;
-    network.spikeHeight = 300;
-    network.seed = 11;
-    const Result result = simulate(speech(3.0), config);
-    const Summary& summary = result.summary;
-    const ombrel::SonraJbufStatistics& jbuf = summary.jbuf;
-    EXPECT_GT(summary.duplicatesSent, 0u);
-    EXPECT_GT(jbuf.framesTooOld, 0u);
-    EXPECT_EQ(summary.datagrams, jbuf.framesPut);
-    EXPECT_EQ(jbuf.framesPut,
-              jbuf.framesPlayed + jbuf.framesTooOld + jbuf.framesUnnumbered + jbuf.framesStray + jbuf.framesDropped +
-                  jbuf.queuedFrames);
-    EXPECT_EQ(summary.played, jbuf.framesPlayed);
-    const std::vector<unsigned> played = playedSeqNums(result);
-    EXPECT_TRUE(std::is_sorted(played.begin(), played.end(), std::less_equal<unsigned>()));
-    // A packet that arrived and was never played was refused or dropped.
-    EXPECT_GT(summary.neverPlayed, 0u);
-    EXPECT_LE(summary.neverPlayed, jbuf.framesTooOld + jbuf.framesDropped + jbuf.framesUnnumbered);
-}
-
-TEST(NetSim, TheSameSeedGivesTheSameRunAndAWrittenScenarioReplaysIt)
-{
-    const std::vector<int16_t> input = speech(2.0);
-    Config config = configWith(Codec::Opus, 40);
-    config.network.lossRate = 0.1;
-    config.network.jitterKind = JitterKind::Normal;
-    config.network.jitter = 25;
-    config.network.duplicateRate = 0.05;
-    const Result modelled = simulate(input, config);
-    EXPECT_EQ(modelled.output, simulate(input, config).output);
-    std::stringstream scenario;
-    writeScenario(scenario, modelled);
-    Config replay = configWith(Codec::Opus, 0);
-    std::string error;
-    ASSERT_TRUE(parseScenario(scenario, replay.scenario, error)) << error;
-    replay.useScenario = true;
-    const Result replayed = simulate(input, replay);
-    EXPECT_EQ(modelled.output, replayed.output);
-    EXPECT_EQ(playedSeqNums(modelled), playedSeqNums(replayed));
-    EXPECT_EQ(modelled.summary.datagrams, replayed.summary.datagrams);
 }
 
 TEST(NetSim, AHandWrittenScenario)
