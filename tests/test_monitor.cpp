@@ -72,18 +72,7 @@ TEST_F(Monitor, ListsTheDevicesAndSaysClearlyWhatIsWrong)
     EXPECT_EQ(0u, list.output.find("Capture devices:\n  \"virtual\"")) << list.output;
     EXPECT_NE(std::string::npos, list.output.find("Playback devices:\n  \"virtual\"")) << list.output;
     EXPECT_EQ(std::string::npos, list.output.find("ALSA lib")) << list.output;
-    const struct {
-        const char* arguments;
-        int exitCode;
-        const char* text;
-    } errors[] = {
-        {" --capture 'no such mic' --playback virtual --seconds 1", 1,
-         "Invalid device: there is no capture device named \"no such mic\" (code -9996)"},
-        {" --volume loud", 2, "--volume wants a number"},
-    };
-    for (const auto& e : errors) {
-        const Command r = run(TOOL + e.arguments);
-        EXPECT_EQ(e.exitCode, r.exitCode) << e.arguments;
-        EXPECT_NE(std::string::npos, r.output.find(e.text)) << r.output;
-    }
+    const Command bad = run(TOOL + " --volume loud");
+    EXPECT_EQ(2, bad.exitCode);
+    EXPECT_NE(std::string::npos, bad.output.find("--volume wants a number")) << bad.output;
 }
