@@ -14,10 +14,7 @@ namespace {
 
 enum Op { PUT_NEXT, PUT_NEAR, PUT_ANY, GET, TICK, CONFIGURE, RESET, RECOVERY, POLICY, OP_COUNT };
 
-struct Put {
-    unsigned seqNum, timeStamp, time; // time: the clock (ms) at the put
-    bool delivered;
-};
+struct Put { unsigned seqNum, timeStamp, time; bool delivered; }; // time: the clock (ms) at the put
 
 struct Model {
     std::vector<Put> puts; // by frame id, never cleared
@@ -109,7 +106,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size)
         case RECOVERY: jbuf.setRecovery(in.byte() & 1); break;
         case POLICY:
             model.adaptive = in.byte() & 1;
-            jbuf.setPlayoutPolicy(model.adaptive ? ombrel::SonraJbuf::PLAYOUT_ADAPTIVE : ombrel::SonraJbuf::PLAYOUT_FIXED);
+            jbuf.setPlayoutPolicy(model.adaptive ? ombrel::SonraJbuf::PLAYOUT_ADAPTIVE
+                                                 : ombrel::SonraJbuf::PLAYOUT_FIXED);
             model.restart();
             break;
         }

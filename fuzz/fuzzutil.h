@@ -23,7 +23,6 @@
 namespace sonrafuzz {
 
 typedef boost::shared_ptr<std::vector<char> > Frame;
-typedef std::vector<uint8_t> Bytes;
 
 using sonratest::ioService;
 
@@ -50,18 +49,6 @@ private:
     const uint8_t* m_data;
     std::size_t m_size, m_at;
 };
-
-// A graph frame duration (ms) and rate (Hz) every node accepts.
-struct GraphConfig {
-    unsigned frameDuration, sampleRate;
-};
-
-inline GraphConfig graphConfig(Reader& in)
-{
-    static const unsigned DURATIONS[] = {10, 20, 30, 40, 60};                 // ms
-    static const unsigned RATES[] = {8000, 16000, 24000, 32000, 44100, 48000}; // Hz
-    return {DURATIONS[in.choice(5)], RATES[in.choice(6)]};
-}
 
 } // namespace sonrafuzz
 

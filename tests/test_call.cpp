@@ -120,17 +120,12 @@ TEST_F(Call, LossesCountedAreTheLossesTheNetworkModelMade)
 
 TEST_F(Call, BadOptionsAndFilesGiveOneLineAndAnExitCode)
 {
-    const struct {
-        std::string options;
-        int exitCode;
-        std::string message;
-    } cases[] = {
+    const struct { std::string options; int exitCode; std::string message; } cases[] = {
         {"--parties 1", 2, "--parties wants a number from 2 to 16, not \"1\""},
         {"--voice 3:higher", 2, "--voice wants a number from 1 to 2, not \"3\""},
         {"--haas 1", 2, "--haas wants PARTY:VALUE"},
         {"--frobnicate 1", 2, "unknown option \"--frobnicate\""},
         {"--input /nonexistent.wav", 1, "cannot read /nonexistent.wav"},
-        {"--hold /nonexistent.ogg", 1, "cannot read /nonexistent.ogg"},
         {"--out /proc/sonra-call", 1, "cannot create /proc/sonra-call"},
     };
     for (const auto& c : cases) {

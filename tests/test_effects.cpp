@@ -17,14 +17,12 @@ using Reverb = NodeGraph<SonraReverbNode>;
 
 namespace {
 
-int16_t saturate(long value) { return static_cast<int16_t>(std::max(-32768L, std::min(32767L, value))); }
-
 // A whole signal through a reverb: echoes round halves away from zero.
 Samples echoed(const Samples& in, std::size_t delay, float decay)
 {
     Samples out(in.size());
     for (std::size_t k = 0; k < in.size(); ++k)
-        out[k] = saturate(in[k] + (k >= delay ? std::lround(in[k - delay] * double(decay)) : 0L));
+        out[k] = SonraNode::normalize(int(in[k] + (k >= delay ? std::lround(in[k - delay] * double(decay)) : 0L)));
     return out;
 }
 
@@ -244,7 +242,7 @@ void expectSoundTouch(const boost::shared_ptr<VC>& node, float pitch, unsigned c
         silentAtStart += got == 0;
         Samples expected(frameSamples, 0);
         for (std::size_t k = 0; k < got * channels; ++k)
-            expected[k] = saturate(std::lround(double(out[k]) * 32768.0));
+            expected[k] = SonraNode::normalize(int(std::lround(double(out[k]) * 32768.0)));
         ASSERT_EQ(expected, rig.run(slice(signal, first, frameSamples))) << first << ", pitch " << pitch;
     }
     EXPECT_GE(silentAtStart, 1u);

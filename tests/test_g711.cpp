@@ -38,15 +38,6 @@ struct Law {
 const Law ALAW = {"alaw", linear2alaw, alaw2linear};
 const Law ULAW = {"ulaw", linear2ulaw, ulaw2linear};
 
-// What a shell command writes to its standard output, as native values.
-template <typename T>
-std::vector<T> outputOf(const std::string& command)
-{
-    const Command result = shell(command);
-    EXPECT_EQ(0, result.exitCode) << command;
-    return result.values<T>();
-}
-
 // python3 writing `bytes`, given pcm: every sample, and codes: every code, ascending.
 std::string python(const std::string& bytes)
 {
@@ -63,8 +54,9 @@ TEST(G711Conversions, AgreeWithPythonAudioopForEverySampleAndEveryCode)
     for (const Law& law : {ALAW, ULAW}) {
         const std::string name = law.name;
         SCOPED_TRACE(name);
-        EXPECT_EQ(outputOf<uint8_t>(python("__import__('audioop').lin2" + name + "(pcm, 2)")), convertAll(everySample(), law.encode));
-        EXPECT_EQ(outputOf<int16_t>(python("__import__('audioop')." + name + "2lin(codes, 2)")), convertAll(EVERY_CODE, law.decode));
+        const std::string audioop = "__import__('audioop').";
+        EXPECT_EQ(shell(python(audioop + "lin2" + name + "(pcm, 2)")).values<uint8_t>(), convertAll(everySample(), law.encode));
+        EXPECT_EQ(shell(python(audioop + name + "2lin(codes, 2)")).values<int16_t>(), convertAll(EVERY_CODE, law.decode));
     }
 }
 

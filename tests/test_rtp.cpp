@@ -160,10 +160,7 @@ TEST(RtpReceiver, DeliversItsTypeWhateverTheHeaderBitsAndDropsTheRest)
 
 TEST(RtpReceiver, OneLostPacketCostsTwentyFramesUnlessConcealed)
 {
-    const struct {
-        bool concealment;
-        unsigned delivered; // of 196 sent
-    } cases[] = {{false, 116}, {true, 196}};
+    const struct { bool concealment; unsigned delivered; } cases[] = {{false, 116}, {true, 196}}; // of 196 sent
     for (const auto& c : cases) {
         ReceiverRig rig;
         rig.node->setLossConcealment(c.concealment);

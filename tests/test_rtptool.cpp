@@ -129,9 +129,7 @@ TEST_F(RtpTool, SaysClearlyWhatIsWrong)
     boost::asio::io_service io;
     boost::asio::ip::udp::socket busy(io, {boost::asio::ip::address_v4::loopback(), 0});
     const std::string busyPort = std::to_string(busy.local_endpoint().port());
-    const struct {
-        std::string arguments, text;
-    } errors[] = {
+    const struct { std::string arguments, text; } errors[] = {
         {"send " + in + " --to nosuchhost.invalid:5004", "cannot resolve nosuchhost.invalid:5004"},
         {"send /nonexistent.wav --to 127.0.0.1:5004", "cannot read /nonexistent.wav"},
         {"recv --bind 127.0.0.1 --port " + busyPort + " --out " + out,

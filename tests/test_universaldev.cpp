@@ -71,11 +71,7 @@ TEST(UniversalDevice, RefusesStreamsThatCannotRunWithPortAudiosWords)
     ASSERT_TRUE(writeWav(wav, std::vector<int16_t>(800, 5), 8000, 1));
     SonraUniversalDevice device(RATE);
     const bool soundCard = device.devices(SonraDeviceInfo::PLAYBACK).size() > 1;
-    const struct {
-        SonraStreamConfiguration configuration;
-        int code;
-        std::string message; // how it starts
-    } cases[] = {
+    const struct { SonraStreamConfiguration configuration; int code; std::string messageStart; } cases[] = {
         {configuration("", 0, "no such card", 1), paInvalidDevice,
          "Invalid device: there is no playback device named \"no such card\""},
         {configuration("no such mic", 1, "virtual", 1), paInvalidDevice,
@@ -97,7 +93,7 @@ TEST(UniversalDevice, RefusesStreamsThatCannotRunWithPortAudiosWords)
     for (const auto& c : cases) {
         std::string message;
         EXPECT_EQ(c.code, device.start(c.configuration, recorder.callback(), &message)) << message;
-        EXPECT_EQ(0u, message.find(c.message)) << message;
+        EXPECT_EQ(0u, message.find(c.messageStart)) << message;
         EXPECT_FALSE(device.isRunning());
     }
     std::string message;
