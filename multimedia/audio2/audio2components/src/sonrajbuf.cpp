@@ -1,31 +1,15 @@
 #include "sonrajbuf.h"
 
 #include "shared.h"
+#include "sonrajbufframe_p.h"
+#include "sonrajbufpolicy_p.h"
+#include "sonrajbufrecovery_p.h"
 
 #include <boost/make_shared.hpp>
 
 #include <map>
 
 namespace ombrel {
-
-// One received frame, shared by every queue of a SonraJbuf; no queue changes it.
-struct SonraJbufFrame_p {
-    unsigned m_seqNum;
-    unsigned m_timeStamp; // ms, carried through unchanged
-    boost::shared_ptr<std::vector<char> > m_data;
-    unsigned m_bufTime;   // ms, the owner's clock when the frame was put
-    // Every queue holds the same record; under the adaptive policy a queue
-    // moved to may still offer one that an earlier queue already played.
-    bool m_delivered = false;
-};
-
-// One queue as the playout policy sees it.
-struct SonraJbufCandidate_p {
-    SonraJbufSimple* m_queue;
-    unsigned m_depth;      // frames
-    bool m_refused;        // the last frame put was too old for it
-    double m_tooOldShare;  // running mean, frames too old for it yet in time for the deepest queue
-};
 
 struct SonraJbuf_p {
     unsigned m_frameDuration;     // ms, one frame per playout period
@@ -40,19 +24,8 @@ struct SonraJbuf_p {
     std::map<unsigned, boost::shared_ptr<SonraJbufSimple> > m_queues; // by depth in frames
     boost::function<unsigned ()> m_timeHandler; // the clock, ms
     bool m_recovery;                            // see SonraJbuf::setRecovery
-
-    // Playout (SonraJbuf::setPlayoutPolicy); rebuilt by every reset.
-    SonraJbuf::PlayoutPolicy m_policy;
-    std::vector<SonraJbufCandidate_p> m_candidates; // m_queues in ascending depth, walked per frame
-    std::size_t m_played;             // index into m_candidates of the played queue
-    unsigned m_getCount;              // gets since the reset
-    unsigned m_lastSwitchGet;         // m_getCount at the last move
-    bool m_deliveredAny;
-    unsigned m_lastDeliveredSeqNum;
-    unsigned m_transitionGets;        // gets left in which a frame not after the last delivered one is held
-    bool m_shrinking;                 // the transition follows a move to a shallower queue
-    SonraJbufStatistics m_earlierPlayed; // what the queues played before the current one counted, and the moves
-    SonraJbufStatistics m_playedSince;   // the current played queue's counts when it became the played one
+    SonraJbuf::PlayoutPolicy m_playoutPolicy;   // see SonraJbuf::setPlayoutPolicy
+    SonraJbufPolicy m_policy;                   // which queue plays; restarted by every reset
 };
 
 namespace {
@@ -63,93 +36,11 @@ const char* const LOG_CATEGORY = "audio2jbuf";
 // header): the observation period, in ms of played frames.
 const unsigned OBSERVATION_PERIOD_MS = 3000;
 
-// into.counter += plus.counter - minus.counter, for every count.
-void combineCounts(SonraJbufStatistics& into, const SonraJbufStatistics& plus, const SonraJbufStatistics& minus)
-{
-    uint64_t SonraJbufStatistics::*const counts[] = {
-        &SonraJbufStatistics::framesPut, &SonraJbufStatistics::framesPlayed, &SonraJbufStatistics::framesTooOld,
-        &SonraJbufStatistics::framesUnnumbered, &SonraJbufStatistics::framesDropped,
-        &SonraJbufStatistics::duplicates, &SonraJbufStatistics::underruns, &SonraJbufStatistics::depthDecreases,
-        &SonraJbufStatistics::framesStray, &SonraJbufStatistics::resyncs, &SonraJbufStatistics::switchesDeeper,
-        &SonraJbufStatistics::switchesShallower, &SonraJbufStatistics::framesHeld,
-        &SonraJbufStatistics::framesSkipped};
-    for (uint64_t SonraJbufStatistics::*count : counts)
-        into.*count += plus.*count - minus.*count;
-}
-
-// After a put: a frame too old for a queue counts against it only when the
-// deepest queue still took it; what no depth could have played (a late
-// duplicate, a frame later than the deepest delay) says nothing of depth.
-void updateTooOldShares(SonraJbuf_p& d)
-{
-    const double weight = 1.0 / (SonraJbuf::PLAYOUT_SHARE_FRAMES ? SonraJbuf::PLAYOUT_SHARE_FRAMES : 1);
-    const bool noDepthHelps = d.m_candidates.back().m_refused;
-    for (SonraJbufCandidate_p& candidate : d.m_candidates) {
-        const double tooOld = candidate.m_refused && !noDepthHelps ? 1.0 : 0.0;
-        candidate.m_tooOldShare += (tooOld - candidate.m_tooOldShare) * weight;
-    }
-}
-
-// Gets in which a frame at or before the last one played is looked for
-// after a move: as many as the ring has slots.
-unsigned transitionGets(const SonraJbuf_p& d)
+// Slots of each queue's ring: room for the deepest queue's depth twice
+// over plus the extra lead.
+unsigned ringSlots(const SonraJbuf_p& d)
 {
     return 2 * d.m_maxBufDepth + d.m_extraJitterFrames;
-}
-
-void switchPlayedQueue(SonraJbuf_p& d, std::size_t next)
-{
-    combineCounts(d.m_earlierPlayed, d.m_candidates[d.m_played].m_queue->statistics(), d.m_playedSince);
-    d.m_playedSince = d.m_candidates[next].m_queue->statistics();
-    d.m_shrinking = next < d.m_played;
-    ++(d.m_shrinking ? d.m_earlierPlayed.switchesShallower : d.m_earlierPlayed.switchesDeeper);
-    d.m_played = next;
-    d.m_lastSwitchGet = d.m_getCount;
-    d.m_transitionGets = d.m_deliveredAny ? transitionGets(d) : 0;
-}
-
-// The adaptive policy, before each get.
-void choosePlayedQueue(SonraJbuf_p& d)
-{
-    const double target = SonraJbuf::PLAYOUT_TOO_OLD_TARGET;
-    const std::vector<SonraJbufCandidate_p>& candidates = d.m_candidates;
-    const std::size_t current = d.m_played;
-    std::size_t next = current;
-    if (candidates[current].m_tooOldShare > target) {
-        next = candidates.size() - 1;
-        for (std::size_t deeper = current + 1; deeper < candidates.size(); ++deeper) {
-            if (candidates[deeper].m_tooOldShare <= target) {
-                next = deeper;
-                break;
-            }
-        }
-    } else if (current > 0) {
-        const unsigned holdGets = SonraJbuf::PLAYOUT_DESCENT_HOLD_MS / d.m_frameDuration;
-        if (d.m_getCount - d.m_lastSwitchGet >= holdGets &&
-            candidates[current - 1].m_tooOldShare < target * SonraJbuf::PLAYOUT_DESCENT_FRACTION)
-            next = current - 1;
-    }
-    if (next != current)
-        switchPlayedQueue(d, next);
-}
-
-// Right after a move: whether `frame`, due from the new queue, may be
-// played. One at or before the last frame played (within a ring's reach,
-// so that a restarted stream is not held) is held back.
-bool passesTransition(SonraJbuf_p& d, const SonraJbufFrame_p* frame)
-{
-    --d.m_transitionGets;
-    if (!frame)
-        return false;
-    const int32_t ahead = static_cast<int32_t>(frame->m_seqNum - d.m_lastDeliveredSeqNum);
-    if (ahead <= 0 && ahead > -static_cast<int32_t>(transitionGets(d))) {
-        ++d.m_earlierPlayed.framesHeld;
-        return false;
-    }
-    if (d.m_shrinking && ahead > 1)
-        d.m_earlierPlayed.framesSkipped += static_cast<unsigned>(ahead - 1);
-    d.m_transitionGets = 0;
-    return true;
 }
 
 } // namespace
@@ -171,16 +62,24 @@ SonraJbufSimple::SonraJbufSimple(SonraJbuf_p* owner, unsigned bufDelayFrames, un
       m_dynMinBufTime(0),
       m_dynReferenceBufDepth(bufDelayFrames),
       m_jbufPtr(jbuf),
-      m_getCount(0),
-      m_runSeqNum(0),
-      m_runLength(0),
-      m_runStart(0),
+      m_recovery(new SonraJbufRecovery(SonraJbufRecoveryConfig{false, owner->m_frameDuration, maxDelayFrames})),
+      m_warmsUp(false),
       m_primingGets(0)
 {
     SONRA_ASSERT(bufSize>=m_maxDelayFrames);
 }
 
 SonraJbufSimple::~SonraJbufSimple() = default;
+
+void SonraJbufSimple::setRecovery(bool enabled)
+{
+    m_recovery->setEnabled(enabled);
+}
+
+void SonraJbufSimple::setWarmUp(bool warmsUp)
+{
+    m_warmsUp = warmsUp;
+}
 
 // One step of the playout head; returns what the head's slot held.
 boost::shared_ptr<SonraJbufFrame_p> SonraJbufSimple::advanceHead()
@@ -224,8 +123,11 @@ bool SonraJbufSimple::putFrame(boost::shared_ptr<SonraJbufFrame_p> frame)
     SONRA_DEBUG(LOG_CATEGORY, 0, false) << "Jbuf " << m_jbufPtr->currentTime() << " put frame ";
     ++m_statistics.framesPut;
     const unsigned seqNum = frame->m_seqNum;
-    if (m_owner->m_recovery && isSuspect(seqNum))
-        return refuseSuspect(frame);
+    switch (m_recovery->judge(seqNum, SonraJbufQueuePosition{m_headSeqNum, m_minSeqNum, m_framesCount})) {
+    case SonraJbufRecovery::PLACE: break;
+    case SonraJbufRecovery::REFUSE: return countRefused(seqNum);
+    case SonraJbufRecovery::REANCHOR: resync(frame); return false;
+    }
     const bool tooOld = seqNum < m_minSeqNum;
     if (tooOld) {
         ++m_statistics.framesTooOld;
@@ -234,7 +136,7 @@ bool SonraJbufSimple::putFrame(boost::shared_ptr<SonraJbufFrame_p> frame)
         if (m_framesCount == 0) {
             // Numbers from 2^31 on have no place, unless recovery lets a
             // stream cross 2^31.
-            m_headSeqNum = static_cast<int32_t>(seqNum) < 0 && !m_owner->m_recovery ? 0 : seqNum;
+            m_headSeqNum = m_recovery->mayAnchor(seqNum) ? seqNum : 0;
         } else {
             offset = seqNum - m_headSeqNum;
             if (offset > m_maxDelayFrames) {
@@ -252,13 +154,13 @@ bool SonraJbufSimple::putFrame(boost::shared_ptr<SonraJbufFrame_p> frame)
             if (m_framesCount == 0)
                 primeDepth();
             m_frames[index] = frame;
-            if (duplicate && m_owner->m_recovery)
+            if (duplicate && m_recovery->countsDuplicateOnce())
                 ++m_statistics.framesDropped;
             else
                 ++m_framesCount;
             if (index == m_headIndex)
                 m_headSeqNum = seqNum;
-            m_runLength = 0;
+            m_recovery->noteStored();
         }
     }
     if (m_headSeqNum > m_minSeqNum)
@@ -266,48 +168,9 @@ bool SonraJbufSimple::putFrame(boost::shared_ptr<SonraJbufFrame_p> frame)
     return tooOld;
 }
 
-// With recovery on: a frame far from the stream, one that the queue rules
-// would refuse as older than the maximum lead below the lowest playable
-// number, or place nowhere, or one that would move the head further than a
-// stream jumps. A frame only a little too old is a late one and left to the
-// queue rules (a stream that went back that little catches up by itself
-// once the queue is dry). A dry queue's head stands still, so the jump also
-// measures how long the stream was away: a stream back after
-// RECOVERY_MAX_JUMP_MS of loss comes in as a run of strays.
-bool SonraJbufSimple::isSuspect(unsigned seqNum) const
+// A frame the recovery refused: too old, unnumbered or stray.
+bool SonraJbufSimple::countRefused(unsigned seqNum)
 {
-    if (seqNum < m_minSeqNum)
-        return m_minSeqNum - seqNum > m_maxDelayFrames;
-    if (seqNum == 0 && m_framesCount == 0)
-        return true;
-    const unsigned jumpFrames = SonraJbuf::RECOVERY_MAX_JUMP_MS / m_owner->m_frameDuration;
-    const unsigned maxJump = jumpFrames > m_maxDelayFrames ? jumpFrames : m_maxDelayFrames;
-    // m_minSeqNum is the highest head reached: seqNum - m_headSeqNum cannot wrap.
-    return m_headSeqNum != 0 && seqNum - m_headSeqNum > maxJump;
-}
-
-// Counts a suspect frame and extends or restarts the run of refused frames;
-// a run long enough, in frames and in time, re-anchors the queue. A run
-// agrees when each frame lies within the maximum lead of the one before it:
-// a restarted or re-numbered stream does, random numbers do not.
-bool SonraJbufSimple::refuseSuspect(const boost::shared_ptr<SonraJbufFrame_p>& frame)
-{
-    const unsigned seqNum = frame->m_seqNum;
-    const int32_t step = static_cast<int32_t>(seqNum - m_runSeqNum);
-    const int32_t lead = static_cast<int32_t>(m_maxDelayFrames);
-    if (m_runLength != 0 && step != 0 && step >= -lead && step <= lead) {
-        ++m_runLength;
-    } else {
-        m_runLength = 1;
-        m_runStart = m_getCount;
-    }
-    m_runSeqNum = seqNum;
-    const unsigned runFrames = SonraJbuf::RECOVERY_RUN_FRAMES;
-    // Numbered 0, the frame would leave the queue without a head.
-    if (seqNum != 0 && m_runLength >= runFrames && m_getCount - m_runStart + 1 >= runFrames) {
-        resync(frame);
-        return false;
-    }
     const bool tooOld = seqNum < m_minSeqNum;
     if (tooOld)
         ++m_statistics.framesTooOld;
@@ -318,13 +181,13 @@ bool SonraJbufSimple::refuseSuspect(const boost::shared_ptr<SonraJbufFrame_p>& f
     return tooOld;
 }
 
-// With the adaptive playout policy, a queue that starts again from empty
-// waits D - 1 periods before it plays, so that each queue holds its own
-// depth and the queues form a ladder of delays to choose from. (Without it
-// every queue plays at once and a deeper one differs only in cutting less.)
+// A queue that warms up waits D - 1 periods after starting from empty, so
+// that each queue holds its own depth and the queues form a ladder of delays
+// to choose from. (Otherwise every queue plays at once and a deeper one
+// differs only in cutting less.)
 void SonraJbufSimple::primeDepth()
 {
-    if (m_owner->m_policy == SonraJbuf::PLAYOUT_ADAPTIVE && m_bufDelayFrames > 0)
+    if (m_warmsUp && m_bufDelayFrames > 0)
         m_primingGets = m_bufDelayFrames - 1;
 }
 
@@ -341,7 +204,6 @@ void SonraJbufSimple::resync(const boost::shared_ptr<SonraJbufFrame_p>& frame)
     m_frames[m_headIndex] = frame;
     m_framesCount = 1;
     m_headSeqNum = m_minSeqNum = frame->m_seqNum;
-    m_runLength = 0;
     m_dynMinBufTime = 0;
     m_dynReferenceBufDepth = m_bufDelayFrames;
     m_dynCounter = 0;
@@ -368,7 +230,7 @@ void SonraJbufSimple::notePlayed(const SonraJbufFrame_p& frame)
 boost::shared_ptr<SonraJbufFrame_p> SonraJbufSimple::getFrame()
 {
     const unsigned frameDuration = m_owner->m_frameDuration; // ms
-    ++m_getCount;
+    m_recovery->noteGet();
     SONRA_DEBUG(LOG_CATEGORY, 0, false) << "Jbuf " << m_jbufPtr->currentTime() << " get frame ";
     if (m_primingGets != 0) {
         --m_primingGets;
@@ -452,7 +314,7 @@ SonraJbuf::SonraJbuf(unsigned int frameDuration) : d(new SonraJbuf_p)
     d->m_extraJitterDelay = 300;
     d->m_extraJitterFrames = 0;
     d->m_recovery = false;
-    d->m_policy = PLAYOUT_FIXED;
+    d->m_playoutPolicy = PLAYOUT_FIXED;
     reset();
 }
 
@@ -512,26 +374,25 @@ void SonraJbuf::reset()
     d->m_extraJitterFrames = d->m_extraJitterDelay / d->m_frameDuration;
 
     d->m_queues.clear();
-    const unsigned bufSize = 2 * d->m_maxBufDepth + d->m_extraJitterFrames; // slots
+    const unsigned bufSize = ringSlots(*d);
+    std::vector<SonraJbufSimple*> ladder;
+    std::vector<unsigned> depths; // frames
     for (unsigned depth = d->m_minBufDepth; depth <= d->m_maxBufDepth; ++depth) {
-        d->m_queues[depth] = boost::make_shared<SonraJbufSimple>(d.get(), depth, depth + d->m_extraJitterFrames,
-                                                                 bufSize, this);
+        const boost::shared_ptr<SonraJbufSimple> queue =
+            boost::make_shared<SonraJbufSimple>(d.get(), depth, depth + d->m_extraJitterFrames, bufSize, this);
+        d->m_queues[depth] = queue;
+        ladder.push_back(queue.get());
+        depths.push_back(depth);
         if (depth == d->m_maxBufDepth)
             break; // a maximum of UINT_MAX frames must not wrap the loop
     }
-
-    d->m_candidates.clear();
-    for (const auto& queue : d->m_queues)
-        d->m_candidates.push_back(SonraJbufCandidate_p{queue.second.get(), queue.first, false, 0.0});
-    d->m_played = d->m_initialBufDepth - d->m_minBufDepth;
-    d->m_getCount = 0;
-    d->m_lastSwitchGet = 0;
-    d->m_deliveredAny = false;
-    d->m_lastDeliveredSeqNum = 0;
-    d->m_transitionGets = 0;
-    d->m_shrinking = false;
-    d->m_earlierPlayed = SonraJbufStatistics();
-    d->m_playedSince = SonraJbufStatistics();
+    const SonraJbufPolicyConfig policy{d->m_playoutPolicy, d->m_frameDuration, bufSize,
+                                       d->m_initialBufDepth - d->m_minBufDepth};
+    d->m_policy.restart(policy, ladder, depths);
+    for (SonraJbufSimple* queue : ladder) {
+        queue->setRecovery(d->m_recovery);
+        queue->setWarmUp(d->m_policy.warmsUpQueues());
+    }
 }
 
 void SonraJbuf::putFrame(boost::shared_ptr<std::vector<char> > frame, unsigned int seqNum, unsigned int timeStamp)
@@ -541,37 +402,26 @@ void SonraJbuf::putFrame(boost::shared_ptr<std::vector<char> > frame, unsigned i
     record->m_timeStamp = timeStamp;
     record->m_data = frame;
     record->m_bufTime = currentTime();
-    for (SonraJbufCandidate_p& candidate : d->m_candidates)
-        candidate.m_refused = candidate.m_queue->putFrame(record);
-    if (d->m_policy == PLAYOUT_ADAPTIVE)
-        updateTooOldShares(*d);
+    std::size_t index = 0; // ascending depth
+    for (const auto& queue : d->m_queues)
+        d->m_policy.noteRefused(index++, queue.second->putFrame(record));
+    d->m_policy.notePut();
 }
 
 unsigned int SonraJbuf::getFrame(boost::shared_ptr<std::vector<char> >& frame, unsigned int* seqNum,
                                  unsigned int* timeStamp)
 {
-    ++d->m_getCount;
-    if (d->m_policy == PLAYOUT_ADAPTIVE)
-        choosePlayedQueue(*d);
+    const std::size_t playedIndex = d->m_policy.choose();
     // Every queue is advanced; only the played one's frame is kept.
     boost::shared_ptr<SonraJbufFrame_p> played;
-    const std::size_t count = d->m_candidates.size();
-    for (std::size_t i = 0; i < count; ++i) {
-        boost::shared_ptr<SonraJbufFrame_p> taken = d->m_candidates[i].m_queue->getFrame();
-        if (i == d->m_played)
+    std::size_t index = 0; // ascending depth
+    for (const auto& queue : d->m_queues) {
+        boost::shared_ptr<SonraJbufFrame_p> taken = queue.second->getFrame();
+        if (index++ == playedIndex)
             played.swap(taken);
     }
-    if (d->m_transitionGets != 0 && !passesTransition(*d, played.get()))
+    if (!d->m_policy.admit(played.get()))
         return 1;
-    if (!played)
-        return 1;
-    if (played->m_delivered) {
-        ++d->m_earlierPlayed.framesHeld;
-        return 1;
-    }
-    played->m_delivered = true;
-    d->m_deliveredAny = true;
-    d->m_lastDeliveredSeqNum = played->m_seqNum;
     frame = played->m_data;
     if (seqNum)
         *seqNum = played->m_seqNum;
@@ -582,7 +432,7 @@ unsigned int SonraJbuf::getFrame(boost::shared_ptr<std::vector<char> >& frame, u
 
 void SonraJbuf::setPlayoutPolicy(PlayoutPolicy policy)
 {
-    d->m_policy = policy;
+    d->m_playoutPolicy = policy;
     reset();
 }
 
@@ -597,18 +447,13 @@ unsigned SonraJbuf::RECOVERY_MAX_JUMP_MS = 2000;
 void SonraJbuf::setRecovery(bool enabled)
 {
     d->m_recovery = enabled;
+    for (const auto& queue : d->m_queues)
+        queue.second->setRecovery(enabled);
 }
 
 SonraJbufStatistics SonraJbuf::statistics() const
 {
-    if (d->m_candidates.empty())
-        return SonraJbufStatistics();
-    const SonraJbufCandidate_p& played = d->m_candidates[d->m_played];
-    SonraJbufStatistics statistics = played.m_queue->statistics();
-    combineCounts(statistics, d->m_earlierPlayed, d->m_playedSince);
-    statistics.framesPlayed -= d->m_earlierPlayed.framesHeld; // the queues counted them as played
-    statistics.playedDepth = played.m_depth;
-    return statistics;
+    return d->m_policy.statistics();
 }
 
 } // namespace ombrel

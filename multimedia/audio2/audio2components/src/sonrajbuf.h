@@ -14,6 +14,7 @@ namespace ombrel {
 struct SonraJbuf_p;
 struct SonraJbufFrame_p;
 class SonraJbuf;
+class SonraJbufRecovery;
 
 // What the played queue of a jitter buffer has seen since the buffer's last
 // reset. Reading them changes nothing.
@@ -85,13 +86,17 @@ public:
 
     SonraJbufStatistics statistics() const;
 
+    // Set by the owner: recovery on or off (keeps the frames), and whether
+    // the queue waits D - 1 periods when it starts from empty.
+    void setRecovery(bool enabled);
+    void setWarmUp(bool warmsUp);
+
 private:
     boost::shared_ptr<SonraJbufFrame_p> advanceHead();
     void advanceHead(unsigned steps);
     unsigned residenceTime(const SonraJbufFrame_p& frame) const;
     void notePlayed(const SonraJbufFrame_p& frame);
-    bool isSuspect(unsigned seqNum) const;
-    bool refuseSuspect(const boost::shared_ptr<SonraJbufFrame_p>& frame);
+    bool countRefused(unsigned seqNum);
     void resync(const boost::shared_ptr<SonraJbufFrame_p>& frame);
     void primeDepth();
 
@@ -108,10 +113,8 @@ private:
     unsigned m_dynMinBufTime;        // ms; 0: none measured yet
     unsigned m_dynReferenceBufDepth; // frames
     SonraJbuf* m_jbufPtr;
-    unsigned m_getCount;       // gets since construction, wrapping
-    unsigned m_runSeqNum;      // last frame of the current run of refused frames
-    unsigned m_runLength;      // refused frames in the run; 0: no run
-    unsigned m_runStart;       // m_getCount when the run began
+    boost::scoped_ptr<SonraJbufRecovery> m_recovery; // which frames are stray (off unless SonraJbuf::setRecovery)
+    bool m_warmsUp;            // starting from empty, wait D - 1 periods (the adaptive policy's ladder)
     unsigned m_primingGets;    // gets left before a queue that started from empty plays
     // Counters for SonraJbuf::statistics(); no decision reads them.
     SonraJbufStatistics m_statistics;
@@ -153,48 +156,22 @@ public:
     SonraJbufStatistics statistics() const;
 
     // Recovery from sequence numbers that the queue rules alone cannot
-    // recover from (off by default; turning it on or off keeps the frames).
-    // With recovery on, each queue
-    //  - refuses, as stray, a frame that would move its head further ahead
-    //    than max(its maximum lead, RECOVERY_MAX_JUMP_MS / frame duration),
-    //    so that one far-ahead datagram never moves the stream;
-    //  - re-anchors on a run of RECOVERY_RUN_FRAMES frames far from the
-    //    stream (stray, unnumbered, or older than the maximum lead below the
-    //    lowest playable number) with no stored frame between them, each
-    //    within the maximum lead of the one before, spanning at least
-    //    RECOVERY_RUN_FRAMES - 1 gets: a restarted or re-numbered stream
-    //    plays again within RECOVERY_RUN_FRAMES periods (frames only a little
-    //    too old are late ones, left to the queue rules);
-    //  - anchors on any number but 0, so a stream may cross 2^31;
-    //  - counts a slot a duplicate replaced once, not twice: otherwise the
-    //    queue is never empty again, its head runs on with every get, and a
-    //    single lost or stray frame after a duplicate leaves every later
-    //    frame one behind the head, too old.
-    // Off, the frames are exactly those of the queue rules.
+    // recover from (off by default; turning it on or off keeps the frames):
+    // one far-ahead datagram never moves the stream, a restarted or
+    // re-numbered stream plays again within RECOVERY_RUN_FRAMES periods, a
+    // stream may cross 2^31, and a duplicate is counted once. The rules, in
+    // full: sonrajbufrecovery_p.h. Off, the frames are exactly those of the
+    // queue rules.
     void setRecovery(bool enabled);
     static unsigned RECOVERY_RUN_FRAMES;  // frames
     static unsigned RECOVERY_MAX_JUMP_MS; // ms
 
     // Which queue is played. PLAYOUT_FIXED, the default: the queue of the
     // initial delay, always. PLAYOUT_ADAPTIVE: the shallowest queue whose
-    // recent share of too-old frames (too old for it, in time for the
-    // deepest queue) stays at or under PLAYOUT_TOO_OLD_TARGET:
-    //  - the share is a running mean over about PLAYOUT_SHARE_FRAMES frames put;
-    //  - quick climb: once the played queue's share exceeds the target, the
-    //    next get plays the shallowest deeper queue at or under it (the
-    //    deepest when none is);
-    //  - slow descent: one depth at a time, once PLAYOUT_DESCENT_HOLD_MS have
-    //    passed since the last move and the next shallower queue's share is
-    //    under PLAYOUT_DESCENT_FRACTION of the target (the hysteresis);
-    //  - a move never repeats or reorders a frame: until the new queue has a
-    //    frame after the last one played, what it has due is held back (a
-    //    climb costs one held frame per frame of delay it adds), and a
-    //    descent passes over the frames between (one per frame of delay it
-    //    removes);
-    //  - so that the depths are a ladder of delays to choose from, a queue
-    //    that starts from empty (first frame, after running dry, after a
-    //    resync) waits D - 1 periods before it plays.
-    // Resets: everything buffered is dropped.
+    // recent share of too-old frames stays at or under
+    // PLAYOUT_TOO_OLD_TARGET, climbing at once and descending slowly,
+    // without repeating or reordering a frame. The rules, in full:
+    // sonrajbufpolicy_p.h. Resets: everything buffered is dropped.
     enum PlayoutPolicy : int32_t { PLAYOUT_FIXED = 0, PLAYOUT_ADAPTIVE = 1 };
     void setPlayoutPolicy(PlayoutPolicy policy);
     static double PLAYOUT_TOO_OLD_TARGET;    // share of frames put, 0..1

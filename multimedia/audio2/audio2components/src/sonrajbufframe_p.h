@@ -1,0 +1,23 @@
+#ifndef OMBREL_SONRAJBUFFRAME_P_H
+#define OMBREL_SONRAJBUFFRAME_P_H
+
+#include <boost/shared_ptr.hpp>
+
+#include <vector>
+
+namespace ombrel {
+
+// One received frame, shared by every queue of a SonraJbuf; no queue changes it.
+struct SonraJbufFrame_p {
+    unsigned m_seqNum;
+    unsigned m_timeStamp; // ms, carried through unchanged
+    boost::shared_ptr<std::vector<char> > m_data;
+    unsigned m_bufTime;   // ms, the owner's clock when the frame was put
+    // Every queue holds the same record; under the adaptive policy a queue
+    // moved to may still offer one that an earlier queue already played.
+    bool m_delivered = false;
+};
+
+} // namespace ombrel
+
+#endif
