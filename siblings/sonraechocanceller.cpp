@@ -161,6 +161,11 @@ bool SonraEchoCanceller::supports(Engine engine, unsigned sampleRate)
     return inRange && (engine == SPEEX || sampleRate % (1000 / CHUNK_MS) == 0);
 }
 
+SonraEchoCanceller::Engine SonraEchoCanceller::defaultEngine(unsigned sampleRate)
+{
+    return supports(DEFAULT_ENGINE, sampleRate) ? DEFAULT_ENGINE : SPEEX;
+}
+
 const char* SonraEchoCanceller::engineName(Engine engine)
 {
     return engine == SPEEX ? "speex" : "webrtc";

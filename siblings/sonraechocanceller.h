@@ -34,6 +34,8 @@ public:
     // (a rate that is a multiple of 100 Hz), SpeexDSP takes any rate; both
     // from 8 to 48 kHz.
     static bool supports(Engine engine, unsigned sampleRate);
+    // DEFAULT_ENGINE where it runs at `sampleRate`, otherwise the other.
+    static Engine defaultEngine(unsigned sampleRate);
     // A readable name: "webrtc" or "speex".
     static const char* engineName(Engine engine);
 

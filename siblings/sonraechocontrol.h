@@ -68,7 +68,7 @@ struct SonraEchoTrial {
     unsigned captureChannels;  // default 1
     unsigned playbackChannels; // default 1
     bool cancel;               // default true
-    SonraEchoCanceller::Engine engine; // default SonraEchoCanceller::DEFAULT_ENGINE
+    SonraEchoCanceller::Engine engine; // default SonraEchoCanceller::DEFAULT_ENGINE (at 16 kHz)
     bool room;                 // default true: false, nothing comes back
     SonraEchoPath path;
     unsigned changeAtMs;       // ms; 0: the path never changes

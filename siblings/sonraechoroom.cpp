@@ -11,6 +11,7 @@ const double VELVET_CELL_MS = 0.5;  // ms: one tail impulse in every cell
 const double TAIL_START_MS = 1.0;   // ms after the direct path
 const double DECAY_DB = 60.0;       // dB the tail falls over its length
 const double FULL_SCALE = 32768.0;  // of 16-bit samples
+const double GLOTTAL_ROLLOFF_HZ = 300.0; // Hz where the voice source starts falling
 
 // A small generator of our own, so that rooms and voices are the same on
 // every standard library.
@@ -92,20 +93,28 @@ void syllable(std::vector<double>& out, std::size_t at, std::size_t frames, unsi
     const Vowel from = randomVowel(random), to = randomVowel(random);
     const double pitchFrom = pitchHz * random.between(0.85, 1.15), pitchTo = pitchHz * random.between(0.85, 1.15);
     const double fricativeHz = random.between(3000, 5000);
+    // Sample-level noise draws from a generator of its own, so that the
+    // words are the same at every sample rate.
+    Random noise(random.next());
     Resonator r1, r2, r3;
     double phase = 1.0; // a glottal pulse at the start
+    // The glottal flow is smooth: its pulses fall off above a few hundred
+    // hertz (one pole here, the lips' radiation and the formants do the rest).
+    const double glottalPole = std::exp(-2.0 * M_PI * GLOTTAL_ROLLOFF_HZ / sampleRate);
+    double glottal = 0;
     for (std::size_t i = 0; i < frames && at + i < out.size(); ++i) {
         const double progress = double(i) / frames;
         const double envelope = std::sin(M_PI * progress);
         double sample;
         if (fricative) {
-            sample = r3.run(random.between(-1, 1), fricativeHz, 1500, sampleRate) * 0.6;
+            sample = r3.run(noise.between(-1, 1), fricativeHz, 1500, sampleRate) * 0.6;
         } else {
             phase += glide(pitchFrom, pitchTo, progress) / sampleRate;
             const double pulse = phase >= 1.0 ? 1.0 : 0.0;
             phase -= std::floor(phase);
             // Formants in parallel, the higher ones weaker, over a breath of noise.
-            const double excitation = pulse + 0.02 * random.between(-1, 1);
+            glottal = (1.0 - glottalPole) * pulse + glottalPole * glottal;
+            const double excitation = glottal + 0.002 * noise.between(-1, 1);
             sample = r1.run(excitation, glide(from.f1, to.f1, progress), 80, sampleRate) +
                      0.6 * r2.run(excitation, glide(from.f2, to.f2, progress), 120, sampleRate) +
                      0.3 * r3.run(excitation, glide(from.f3, to.f3, progress), 200, sampleRate);
@@ -334,17 +343,22 @@ double SonraEchoMeter::echoBelowSpeechDb(unsigned fromMs, unsigned toMs) const
 std::vector<double> SonraEchoMeter::erleCurve(unsigned windowMs) const
 {
     const std::size_t window = std::max(1u, windowMs / m_blockMs);
-    std::vector<double> curve(m_blocks.size(), 0.0);
-    double captured = 0, cleaned = 0;
+    const double activeShare = std::pow(10.0, -ACTIVE_RANGE_DB / 10.0);
+    std::vector<bool> active(m_blocks.size());
+    double loudest = 0;
     for (std::size_t b = 0; b < m_blocks.size(); ++b) {
-        captured += m_blocks[b].captured;
-        cleaned += m_blocks[b].cleaned;
-        if (b >= window) {
-            captured -= m_blocks[b - window].captured;
-            cleaned -= m_blocks[b - window].cleaned;
+        loudest = std::max(loudest, m_blocks[b].captured);
+        active[b] = m_blocks[b].captured > 0 && m_blocks[b].captured >= loudest * activeShare;
+    }
+    std::vector<double> curve(m_blocks.size(), std::nan(""));
+    for (std::size_t end = window; end <= m_blocks.size(); ++end) {
+        double captured = 0, cleaned = 0;
+        for (std::size_t b = end - window; b < end; ++b) {
+            captured += active[b] ? m_blocks[b].captured : 0.0;
+            cleaned += active[b] ? m_blocks[b].cleaned : 0.0;
         }
-        if (b + 1 >= window)
-            curve[b] = decibels(std::max(captured, 0.0) / std::max(cleaned, 1e-30));
+        if (captured > 0)
+            curve[end - 1] = decibels(captured / std::max(cleaned, 1e-30));
     }
     return curve;
 }

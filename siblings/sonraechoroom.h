@@ -113,8 +113,12 @@ public:
     // its own voice the far end hears its echo.
     double echoBelowSpeechDb(unsigned fromMs, unsigned toMs) const;
     // The enhancement over the `windowMs` that end with each block, one
-    // value per block (windows still short at the start are not shown: 0).
+    // value per block, counting only blocks that carry echo (captured
+    // within ACTIVE_RANGE_DB of the loudest block so far): a pause of the
+    // far end says nothing of the canceller. NaN for a window without
+    // any, or still short at the start.
     std::vector<double> erleCurve(unsigned windowMs) const;
+    static const int ACTIVE_RANGE_DB = 40; // dB
     // ms from `fromMs` until the enhancement over the last `windowMs` first
     // reaches `thresholdDb`; -1 when it never does.
     int convergenceMs(double thresholdDb, unsigned fromMs = 0, unsigned windowMs = 200) const;

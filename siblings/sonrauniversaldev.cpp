@@ -531,7 +531,8 @@ struct SonraUniversalDevice_p {
     unsigned m_sampleRate;                          // Hz
     boost::scoped_ptr<Stream> m_portAudioStream;    // the sound card's side(s)
     boost::scoped_ptr<Stream> m_virtualStream;      // the virtual side(s)
-    SonraEchoCanceller::Engine m_echoEngine;        // for the next streams
+    SonraEchoCanceller::Engine m_echoEngine;        // for the next streams, when m_echoEngineSet
+    bool m_echoEngineSet;
     boost::scoped_ptr<SonraEchoPath> m_echoPath;    // the virtual device's room, if any
     // The running or last stream's echo control; the stream's callback
     // holds a share of it.
@@ -556,7 +557,8 @@ SonraDevice::Callback withEchoControl(const SonraStreamConfiguration& configurat
         return callback;
     d.m_echoControl = boost::make_shared<SonraEchoControl>(
         configuration.sampleRate, static_cast<unsigned>(blockFrames(configuration)), configuration.frameDuration,
-        configuration.captureChannels, configuration.playbackChannels, cancel, d.m_echoEngine, room);
+        configuration.captureChannels, configuration.playbackChannels, cancel,
+        d.m_echoEngineSet ? d.m_echoEngine : SonraEchoCanceller::defaultEngine(configuration.sampleRate), room);
     const boost::shared_ptr<SonraEchoControl> control = d.m_echoControl;
     return [control, callback](const char* in, int inLength, char* out, int outLength, int status) {
         return control->processBlock(in, inLength, out, outLength, status, callback);
@@ -569,6 +571,7 @@ SonraUniversalDevice::SonraUniversalDevice(unsigned sampleRate) : d(new SonraUni
 {
     d->m_sampleRate = sampleRate;
     d->m_echoEngine = SonraEchoCanceller::DEFAULT_ENGINE;
+    d->m_echoEngineSet = false;
 }
 
 SonraUniversalDevice::~SonraUniversalDevice()
@@ -669,11 +672,12 @@ bool SonraUniversalDevice::hasVoicePreprocessor()
 void SonraUniversalDevice::setEchoEngine(SonraEchoCanceller::Engine engine)
 {
     d->m_echoEngine = engine;
+    d->m_echoEngineSet = true;
 }
 
 SonraEchoCanceller::Engine SonraUniversalDevice::echoEngine() const
 {
-    return d->m_echoEngine;
+    return d->m_echoEngineSet ? d->m_echoEngine : SonraEchoCanceller::defaultEngine(d->m_sampleRate);
 }
 
 void SonraUniversalDevice::setEchoPath(const SonraEchoPath& path)
@@ -700,7 +704,7 @@ SonraEchoMeter SonraUniversalDevice::echoMeter() const
 
 SonraEchoCanceller::Engine SonraUniversalDevice::echoMeterEngine() const
 {
-    return d->m_echoControl ? d->m_echoControl->engine() : d->m_echoEngine;
+    return d->m_echoControl ? d->m_echoControl->engine() : echoEngine();
 }
 
 } // namespace ombrel

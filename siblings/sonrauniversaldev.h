@@ -144,10 +144,12 @@ public:
     // True while `aecEnabled` is set: the device cancels echo on the
     // streams it starts that capture and play on the same side.
     bool hasVoicePreprocessor() override;
-    // The canceller of the next streams; SonraEchoCanceller::DEFAULT_ENGINE
-    // unless set. An engine that does not run at a stream's rate gives way
-    // to the other (echoMeterEngine() tells).
+    // The canceller of the next streams. Unless set, each stream gets
+    // SonraEchoCanceller::defaultEngine() of its rate. An engine that does
+    // not run at a stream's rate gives way to the other (echoMeterEngine()
+    // tells).
     void setEchoEngine(SonraEchoCanceller::Engine engine);
+    // The engine set, or the default one at the device's sample rate.
     SonraEchoCanceller::Engine echoEngine() const;
     // Puts the virtual device in a simulated room: a stream that captures
     // and plays on the virtual device hears what it plays through `path`,
