@@ -175,7 +175,7 @@ SonraEchoCanceller::SonraEchoCanceller(Engine engine, unsigned sampleRate, unsig
                                        unsigned playbackChannels, unsigned blockFrames)
     : d(new SonraEchoCanceller_p)
 {
-    d->m_engine = supports(engine, sampleRate) ? engine : (engine == WEBRTC ? SPEEX : WEBRTC);
+    d->m_engine = supports(engine, sampleRate) ? engine : SPEEX;
     d->m_captureChannels = captureChannels;
     d->m_playbackChannels = playbackChannels;
     d->m_blockFrames = blockFrames;

@@ -39,8 +39,9 @@ public:
     // A readable name: "webrtc" or "speex".
     static const char* engineName(Engine engine);
 
-    // `blockFrames`: samples per channel of one device block. An engine that
-    // does not run at `sampleRate` is replaced by one that does (engine()).
+    // `blockFrames`: samples per channel of one device block. WebRTC's
+    // engine at a rate it does not run at is replaced by SpeexDSP's
+    // (engine()); outside 8 to 48 kHz neither is promised.
     SonraEchoCanceller(Engine engine, unsigned sampleRate, unsigned captureChannels, unsigned playbackChannels,
                        unsigned blockFrames);
     ~SonraEchoCanceller();

@@ -553,6 +553,9 @@ SonraDevice::Callback withEchoControl(const SonraStreamConfiguration& configurat
     if (!duplex || virtualCapture != isVirtualName(configuration.playbackDevice))
         return callback;
     const SonraEchoPath* room = virtualCapture ? d.m_echoPath.get() : nullptr;
+    // Outside the engines' rates the stream runs as it would without echo control.
+    cancel = cancel && configuration.sampleRate >= SonraEchoCanceller::MIN_SAMPLE_RATE &&
+             configuration.sampleRate <= SonraEchoCanceller::MAX_SAMPLE_RATE;
     if (!cancel && !room)
         return callback;
     d.m_echoControl = boost::make_shared<SonraEchoControl>(

@@ -114,8 +114,8 @@ struct SonraUniversalDevice_p;
 //
 // Echo control: with `aecEnabled` set when a stream starts that captures
 // and plays on the same side (the sound card in one full-duplex stream, or
-// the virtual device), the echo of what the device played is cancelled
-// from what it captures before the callback sees it. On a virtual stream
+// the virtual device) at 8 to 48 kHz, the echo of what the device played
+// is cancelled from what it captures before the callback sees it. On a virtual stream
 // the device can also simulate a room (setEchoPath()): what it plays comes
 // back into what it captures, so that echo control runs without hardware.
 // Without `aecEnabled` and without a room, captured bytes pass untouched.
