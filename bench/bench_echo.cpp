@@ -205,8 +205,8 @@ int report(const std::string& directory)
         {"office, 48 kHz", 48000, 1, path(40, -6, 300)},
     };
     const SonraEchoCanceller::Engine engines[] = {SonraEchoCanceller::WEBRTC, SonraEchoCanceller::SPEEX};
-    std::printf("| room | engine | ERLE after 2 s | to 20 dB | delay +40 ms: back to 20 dB | double talk: level, correlation "
-                "| no echo: level, correlation |\n|---|---|---|---|---|---|---|\n");
+    std::printf("| room | engine | ERLE after 2 s | to 20 dB: reached, held | delay +40 ms: back to 20 dB, held "
+                "| double talk: level, correlation | no echo: level, correlation |\n|---|---|---|---|---|---|---|\n");
     std::vector<std::vector<double> > curves;
     for (const Room& room : rooms) {
         for (SonraEchoCanceller::Engine engine : engines) {
@@ -224,7 +224,9 @@ int report(const std::string& directory)
             const std::pair<double, double> noEcho = kept(headset, headset.run(), 2000, CALL_MS);
             std::printf("| %s | %s | %.1f dB | %s | %s | %+.2f dB, %.3f | %+.2f dB, %.4f |\n", room.name,
                         SonraEchoCanceller::engineName(alone.engine), alone.meter.erleDb(2000, 4000),
-                        ms(alone.meter.convergenceMs(20)).c_str(), ms(moved.meter.convergenceMs(20, CHANGE_AT_MS)).c_str(),
+                        (ms(alone.meter.convergenceMs(20)) + ", " + ms(alone.meter.settledMs(20))).c_str(),
+                        (ms(moved.meter.convergenceMs(20, CHANGE_AT_MS)) + ", " +
+                         ms(moved.meter.settledMs(20, CHANGE_AT_MS, 200))).c_str(),
                         doubleTalk.first, doubleTalk.second, noEcho.first, noEcho.second);
             if (&room == &rooms[0])
                 curves.push_back(moved.meter.erleCurve(200));

@@ -374,6 +374,21 @@ int SonraEchoMeter::convergenceMs(double thresholdDb, unsigned fromMs, unsigned 
     return -1;
 }
 
+int SonraEchoMeter::settledMs(double thresholdDb, unsigned fromMs, unsigned windowMs) const
+{
+    const std::vector<double> curve = erleCurve(windowMs);
+    std::size_t holdsFrom = fromMs / m_blockMs + std::max(1u, windowMs / m_blockMs) - 1;
+    for (std::size_t b = holdsFrom; b < curve.size(); ++b) {
+        if (curve[b] < thresholdDb) // NaN, a window without echo, compares false
+            holdsFrom = b + 1;
+    }
+    for (std::size_t b = holdsFrom; b < curve.size(); ++b) {
+        if (!std::isnan(curve[b]))
+            return static_cast<int>((b + 1) * m_blockMs) - static_cast<int>(fromMs);
+    }
+    return -1;
+}
+
 double SonraEchoMeter::levelDb(const short* samples, std::size_t count)
 {
     return decibels(meanSquare(samples, count));

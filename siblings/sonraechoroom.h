@@ -118,10 +118,14 @@ public:
     // far end says nothing of the canceller. NaN for a window without
     // any, or still short at the start.
     std::vector<double> erleCurve(unsigned windowMs) const;
-    static const int ACTIVE_RANGE_DB = 40; // dB
+    static const int ACTIVE_RANGE_DB = 25; // dB: above the quietest echo the microphone noise allows to measure
     // ms from `fromMs` until the enhancement over the last `windowMs` first
     // reaches `thresholdDb`; -1 when it never does.
     int convergenceMs(double thresholdDb, unsigned fromMs = 0, unsigned windowMs = 200) const;
+    // ms from `fromMs` until the enhancement holds `thresholdDb`: the end
+    // of the first window carrying echo after the last one that falls
+    // short of it; -1 when the last one falls short.
+    int settledMs(double thresholdDb, unsigned fromMs = 0, unsigned windowMs = 200) const;
 
     // dB full scale RMS of samples, and the correlation coefficient of two
     // sample runs of the same length (1 for equal shapes).
