@@ -1,5 +1,9 @@
 #include "sonrauniversaldev.h"
 
+#include "sonraechocontrol.h"
+
+#include <boost/make_shared.hpp>
+
 #include <portaudio.h>
 #include <sndfile.h>
 
@@ -527,11 +531,50 @@ struct SonraUniversalDevice_p {
     unsigned m_sampleRate;                          // Hz
     boost::scoped_ptr<Stream> m_portAudioStream;    // the sound card's side(s)
     boost::scoped_ptr<Stream> m_virtualStream;      // the virtual side(s)
+    SonraEchoCanceller::Engine m_echoEngine;        // for the next streams, when m_echoEngineSet
+    bool m_echoEngineSet;
+    boost::scoped_ptr<SonraEchoPath> m_echoPath;    // the virtual device's room, if any
+    // The running or last stream's echo control; the stream's callback
+    // holds a share of it.
+    boost::shared_ptr<SonraEchoControl> m_echoControl;
 };
+
+namespace {
+
+// A stream whose capture and playback run on the same side gets echo
+// control when it is asked for, or when the virtual device is in a room;
+// the callback then goes through it.
+SonraDevice::Callback withEchoControl(const SonraStreamConfiguration& configuration, const SonraDevice::Callback& callback,
+                                      bool cancel, SonraUniversalDevice_p& d)
+{
+    d.m_echoControl.reset();
+    const bool duplex = configuration.captureChannels > 0 && configuration.playbackChannels > 0;
+    const bool virtualCapture = isVirtualName(configuration.captureDevice);
+    if (!duplex || virtualCapture != isVirtualName(configuration.playbackDevice))
+        return callback;
+    const SonraEchoPath* room = virtualCapture ? d.m_echoPath.get() : nullptr;
+    // Outside the engines' rates the stream runs as it would without echo control.
+    cancel = cancel && configuration.sampleRate >= SonraEchoCanceller::MIN_SAMPLE_RATE &&
+             configuration.sampleRate <= SonraEchoCanceller::MAX_SAMPLE_RATE;
+    if (!cancel && !room)
+        return callback;
+    d.m_echoControl = boost::make_shared<SonraEchoControl>(
+        configuration.sampleRate, static_cast<unsigned>(blockFrames(configuration)), configuration.frameDuration,
+        configuration.captureChannels, configuration.playbackChannels, cancel,
+        d.m_echoEngineSet ? d.m_echoEngine : SonraEchoCanceller::defaultEngine(configuration.sampleRate), room);
+    const boost::shared_ptr<SonraEchoControl> control = d.m_echoControl;
+    return [control, callback](const char* in, int inLength, char* out, int outLength, int status) {
+        return control->processBlock(in, inLength, out, outLength, status, callback);
+    };
+}
+
+} // namespace
 
 SonraUniversalDevice::SonraUniversalDevice(unsigned sampleRate) : d(new SonraUniversalDevice_p)
 {
     d->m_sampleRate = sampleRate;
+    d->m_echoEngine = SonraEchoCanceller::DEFAULT_ENGINE;
+    d->m_echoEngineSet = false;
 }
 
 SonraUniversalDevice::~SonraUniversalDevice()
@@ -585,6 +628,7 @@ int SonraUniversalDevice::start(const SonraStreamConfiguration& configuration, C
         return fail(paInvalidChannelCount, "the stream neither captures nor plays", message);
     if (callback.empty())
         return fail(paNullCallback, "", message);
+    callback = withEchoControl(configuration, callback, aecEnabled, *d);
 
     // A virtual side runs on its own thread, a sound card side on
     // PortAudio's; a stream may have one of each.
@@ -621,6 +665,49 @@ void SonraUniversalDevice::stop()
 {
     d->m_virtualStream.reset();
     d->m_portAudioStream.reset();
+}
+
+bool SonraUniversalDevice::hasVoicePreprocessor()
+{
+    return aecEnabled;
+}
+
+void SonraUniversalDevice::setEchoEngine(SonraEchoCanceller::Engine engine)
+{
+    d->m_echoEngine = engine;
+    d->m_echoEngineSet = true;
+}
+
+SonraEchoCanceller::Engine SonraUniversalDevice::echoEngine() const
+{
+    return d->m_echoEngineSet ? d->m_echoEngine : SonraEchoCanceller::defaultEngine(d->m_sampleRate);
+}
+
+void SonraUniversalDevice::setEchoPath(const SonraEchoPath& path)
+{
+    d->m_echoPath.reset(new SonraEchoPath(path));
+    if (d->m_echoControl && isRunning())
+        d->m_echoControl->setEchoPath(path);
+}
+
+void SonraUniversalDevice::removeEchoPath()
+{
+    d->m_echoPath.reset();
+}
+
+bool SonraUniversalDevice::hasEchoPath() const
+{
+    return bool(d->m_echoPath);
+}
+
+SonraEchoMeter SonraUniversalDevice::echoMeter() const
+{
+    return d->m_echoControl ? d->m_echoControl->meter() : SonraEchoMeter();
+}
+
+SonraEchoCanceller::Engine SonraUniversalDevice::echoMeterEngine() const
+{
+    return d->m_echoControl ? d->m_echoControl->engine() : echoEngine();
 }
 
 } // namespace ombrel

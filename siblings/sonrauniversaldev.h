@@ -3,6 +3,9 @@
 #ifndef OMBREL_SONRAUNIVERSALDEV_H
 #define OMBREL_SONRAUNIVERSALDEV_H
 
+#include "sonraechocanceller.h"
+#include "sonraechoroom.h"
+
 #include <boost/asio/io_service.hpp>
 #include <boost/enable_shared_from_this.hpp>
 #include <boost/function.hpp>
@@ -88,7 +91,7 @@ public:
     // The graph restarted its stream.
     virtual void reset();
 
-    bool aecEnabled; // echo cancellation wanted; this library's devices have none
+    bool aecEnabled; // echo cancellation wanted, read when a stream starts
 };
 
 // Supplies playback devices of another kind (a telephony card, a headset
@@ -108,6 +111,14 @@ struct SonraUniversalDevice_p;
 //    writes what it plays to the WAV file PATH, closed when the stream stops.
 // The virtual device keeps the stream's real-time pace on its own thread.
 // A stream may mix a virtual side with a sound card side.
+//
+// Echo control: with `aecEnabled` set when a stream starts that captures
+// and plays on the same side (the sound card in one full-duplex stream, or
+// the virtual device) at 8 to 48 kHz, the echo of what the device played
+// is cancelled from what it captures before the callback sees it. On a virtual stream
+// the device can also simulate a room (setEchoPath()): what it plays comes
+// back into what it captures, so that echo control runs without hardware.
+// Without `aecEnabled` and without a room, captured bytes pass untouched.
 class SonraUniversalDevice : public SonraDevice {
 public:
     static const char* const VIRTUAL_DEVICE;        // "virtual"
@@ -129,6 +140,33 @@ public:
     unsigned sampleRate() const;
     // A stream was started and not yet stopped.
     bool isRunning() const;
+
+    // True while `aecEnabled` is set: the device cancels echo on the
+    // streams it starts that capture and play on the same side.
+    bool hasVoicePreprocessor() override;
+    // The canceller of the next streams. Unless set, each stream gets
+    // SonraEchoCanceller::defaultEngine() of its rate. An engine that does
+    // not run at a stream's rate gives way to the other (echoMeterEngine()
+    // tells).
+    void setEchoEngine(SonraEchoCanceller::Engine engine);
+    // The engine set, or the default one at the device's sample rate.
+    SonraEchoCanceller::Engine echoEngine() const;
+    // Puts the virtual device in a simulated room: a stream that captures
+    // and plays on the virtual device hears what it plays through `path`,
+    // on top of what it captures. On a running stream the new path takes
+    // effect at the next block (a delay jump, a gain change mid-call); a
+    // stream started without a room gets one at its next start.
+    void setEchoPath(const SonraEchoPath& path);
+    // Takes the virtual device out of the room, from the next start on.
+    void removeEchoPath();
+    bool hasEchoPath() const;
+    // What the room and the canceller did in the running stream, or the
+    // last one (empty when neither ran): per block, the energy played,
+    // captured and left after cancelling.
+    SonraEchoMeter echoMeter() const;
+    // The engine that cancels in the running or last stream; echoEngine()
+    // when none did.
+    SonraEchoCanceller::Engine echoMeterEngine() const;
 
 private:
     boost::scoped_ptr<SonraUniversalDevice_p> d;

@@ -1,0 +1,104 @@
+// ctest-labels: threads
+// Echo control in the universal device: the default canceller's figures in
+// the simulated room, driven block by block, and the virtual device running
+// it on its own thread while the controlling thread moves the echo path.
+#include "sonraechocontrol.h"
+#include "sonrauniversaldev.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <thread>
+
+using namespace ombrel;
+
+namespace {
+
+const unsigned RATE = 16000, CALL_MS = 10000;
+const std::vector<short> farVoice = SonraEchoRoom::speechLike(RATE, CALL_MS, 1);
+const std::vector<short> nearVoice = SonraEchoRoom::speechLike(RATE, CALL_MS, 2);
+
+std::size_t at(unsigned ms) { return std::size_t(RATE) * ms / 1000; }
+
+} // namespace
+
+// The far end talks through the whole call; the near end over [nearFromMs, nearToMs).
+TEST(Echo, DefaultCancellerMeetsItsFiguresInTheSimulatedRoom)
+{
+    const struct { const char* name; bool room; unsigned nearFromMs, nearToMs, changeAtMs; double levelDb, correlation; } calls[] = {
+        {"far-end single talk", true, 0, 0, 0, 0, 0},
+        {"echo path 40 ms longer at 5 s", true, 0, 0, 5000, 0, 0},
+        {"double talk from 5 to 9 s", true, 5000, 9000, 0, 3.0, 0.9},
+        {"no echo path, near end from 2 s", false, 2000, CALL_MS, 0, 1.0, 0.99},
+    };
+    for (const auto& call : calls) {
+        SCOPED_TRACE(call.name);
+        SonraEchoTrial trial;
+        trial.room = call.room;
+        trial.farEnd = farVoice;
+        trial.nearEnd.assign(farVoice.size(), 0);
+        std::copy(nearVoice.begin() + at(call.nearFromMs), nearVoice.begin() + at(call.nearToMs),
+                  trial.nearEnd.begin() + at(call.nearFromMs));
+        trial.changeAtMs = call.changeAtMs;
+        trial.changedPath.delayMs = trial.path.delayMs + 40;
+        const SonraEchoTrial::Result result = trial.run();
+        ASSERT_EQ(SonraEchoCanceller::DEFAULT_ENGINE, result.engine);
+        if (call.nearToMs) {
+            // Judged at the canceller's own latency, up to 20 ms.
+            const short* clean = trial.nearEnd.data() + at(call.nearFromMs);
+            const std::size_t count = at(call.nearToMs - call.nearFromMs - 20);
+            const short* kept = result.cleaned.data() + at(call.nearFromMs);
+            kept += SonraEchoMeter::bestLag(kept, clean, count, at(20));
+            EXPECT_NEAR(SonraEchoMeter::levelDb(clean, count), SonraEchoMeter::levelDb(kept, count), call.levelDb);
+            EXPECT_GE(SonraEchoMeter::correlation(kept, clean, count), call.correlation);
+        } else if (call.changeAtMs) {
+            // Back to 20 dB within 1 s; holding it from the far end's next
+            // phrase on, 2.64 s after the jump (-1: never).
+            EXPECT_LE(unsigned(result.meter.convergenceMs(20, call.changeAtMs)), 1000u);
+            EXPECT_LE(unsigned(result.meter.settledMs(20, call.changeAtMs)), 3000u);
+        } else {
+            EXPECT_GE(result.meter.erleDb(2000, 4000), 25.0);
+            EXPECT_LE(unsigned(result.meter.convergenceMs(20)), 1000u);
+            EXPECT_LE(unsigned(result.meter.settledMs(20)), 1000u);
+        }
+    }
+}
+
+TEST(Echo, VirtualDeviceCancelsInItsRoomWhileThePathMoves)
+{
+    SonraUniversalDevice device(RATE);
+    EXPECT_FALSE(device.hasVoicePreprocessor());
+    device.aecEnabled = true;
+    EXPECT_TRUE(device.hasVoicePreprocessor());
+    device.setEchoPath(SonraEchoPath());
+    SonraStreamConfiguration stereoIn;
+    stereoIn.captureDevice = stereoIn.playbackDevice = SonraUniversalDevice::VIRTUAL_DEVICE;
+    stereoIn.captureChannels = 2;
+    const unsigned blockFrames = RATE / 50, blocks = 75;
+    std::atomic<unsigned> played(0);
+    const auto playFarVoice = [&](const char*, int, char* out, int outLength, int) {
+        std::copy_n(farVoice.begin() + played * blockFrames, outLength / 2, reinterpret_cast<short*>(out));
+        return ++played < blocks;
+    };
+    std::string message;
+    ASSERT_EQ(0, device.start(stereoIn, playFarVoice, &message)) << message;
+    while (played < 50)
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    SonraEchoPath moved;
+    moved.delayMs += 40;
+    device.setEchoPath(moved);
+    while (played < blocks)
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    device.stop();
+    const SonraEchoMeter meter = device.echoMeter();
+    ASSERT_EQ(blocks, meter.blocks().size());
+    EXPECT_GE(meter.erleDb(600, 1000), 20.0); // blocks played before the move
+    EXPECT_EQ(SonraEchoCanceller::DEFAULT_ENGINE, device.echoMeterEngine());
+    // Without the canceller and the room, nothing is measured nor touched.
+    device.aecEnabled = false;
+    device.removeEchoPath();
+    ASSERT_EQ(0, device.start(stereoIn, [](const char*, int, char*, int, int) { return false; }, &message));
+    device.stop();
+    EXPECT_TRUE(device.echoMeter().blocks().empty());
+}
