@@ -9,7 +9,7 @@
 // Without a sound card, the virtual devices turn a sound file into a WAV of
 // what was played:
 //   sonra-monitor --capture virtual:in.wav --playback virtual:out.wav --seconds 2
-#include "sonratooloptions_p.h"
+#include "sonraoptions.h"
 #include "sonradevnode.h"
 #include "sonramixernode.h"
 #include "sonravolumenode.h"

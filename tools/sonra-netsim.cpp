@@ -2,9 +2,9 @@
 // (Opus encoder, sender, a simulated network, receiver with its jitter
 // buffer, Opus decoder, mixer) and writes what a listener would hear, with
 // a summary of what the network and the jitter buffer did.
-#include "sonratooloptions_p.h"
 #include "sonranetsim.h"
-#include "sonrasoundfile_p.h"
+#include "sonraoptions.h"
+#include "sonrasoundfile.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -69,7 +69,8 @@ const char* const USAGE =
 
 using sonratool::UsageError;
 using sonratool::number;
-using sonratool::plain;
+using sonratool::decibels;
+using sonratool::percentOf;
 using sonratool::whole;
 using sonratool::readMono;
 using sonratool::writeWav;
@@ -84,7 +85,7 @@ JitterKind jitterKind(const std::string& text)
         return JitterKind::Exponential;
     if (text == "pareto")
         return JitterKind::Pareto;
-    throw UsageError("--jitter-dist: expected uniform, normal, exp or pareto, got \"" + text + "\"");
+    throw UsageError("--jitter-dist: expected uniform, normal, exp or pareto, not \"" + text + "\"");
 }
 
 struct Options {
@@ -100,42 +101,22 @@ struct Pending {
     std::vector<std::string> positional;
 };
 
-void parseDelays(const std::string& arg, const std::string& value, Config& config)
-{
-    std::string rest = value + ",";
-    for (unsigned& delay : config.delays) {
-        const std::string::size_type comma = rest.find(',');
-        if (comma == std::string::npos)
-            throw UsageError("--delays: expected four values, initial,min,max,extra");
-        delay = whole(arg, rest.substr(0, comma), 0, 60000);
-        rest.erase(0, comma + 1);
-    }
-    if (!rest.empty())
-        throw UsageError("--delays: expected four values, initial,min,max,extra");
-    config.setDelays = true;
-}
-
 bool pathOption(const std::string& arg, const std::string& value, Config& config)
 {
     if (arg == "--rate")
         config.sampleRate = whole(arg, value, 8000, 48000);
     else if (arg == "--frame")
         config.frameDuration = whole(arg, value, 1, 60);
-    else if (arg == "--codec") {
-        if (value != "opus" && value != "pcm")
-            throw UsageError("--codec: expected opus or pcm, got \"" + value + "\"");
-        config.codec = value == "opus" ? sonranetsim::Codec::Opus : sonranetsim::Codec::Pcm;
-    } else if (arg == "--delays")
-        parseDelays(arg, value, config);
-    else if (arg == "--policy") {
-        if (value != "fixed" && value != "adaptive")
-            throw UsageError("--policy: expected fixed or adaptive, got \"" + value + "\"");
-        config.adaptivePlayout = value == "adaptive";
-    } else if (arg == "--recovery") {
-        if (value != "on" && value != "off")
-            throw UsageError("--recovery: expected on or off, got \"" + value + "\"");
-        config.recovery = value == "on";
-    } else if (arg == "--plc")
+    else if (arg == "--codec")
+        config.codec = sonratool::eitherOr(arg, value, "opus", "pcm") ? sonranetsim::Codec::Pcm : sonranetsim::Codec::Opus;
+    else if (arg == "--delays") {
+        sonratool::parseDelays(arg, value, config.jitterBuffer.delays);
+        config.jitterBuffer.setDelays = true;
+    } else if (arg == "--policy")
+        config.jitterBuffer.adaptive = sonratool::eitherOr(arg, value, "fixed", "adaptive");
+    else if (arg == "--recovery")
+        config.jitterBuffer.recovery = !sonratool::eitherOr(arg, value, "on", "off");
+    else if (arg == "--plc")
         config.concealment = whole(arg, value, 0, 60000);
     else if (arg == "--fec")
         config.fecLoss = whole(arg, value, 0, 100);
@@ -147,17 +128,9 @@ bool pathOption(const std::string& arg, const std::string& value, Config& config
 bool networkOption(const std::string& arg, const std::string& value, sonranetsim::NetworkModel& model,
                    Pending& pending)
 {
-    if (arg == "--seed")
-        model.seed = whole(arg, value, 0, 4294967295.0);
-    else if (arg == "--loss")
-        model.lossRate = number(arg, value, 0, 100) / 100;
-    else if (arg == "--burst")
-        model.burstLength = number(arg, value, 1, 1e6);
-    else if (arg == "--delay")
-        model.baseDelay = number(arg, value, 0, 60000);
-    else if (arg == "--jitter")
-        model.jitter = number(arg, value, 0, 60000);
-    else if (arg == "--jitter-dist")
+    if (sonratool::commonNetworkOption(arg, value, model))
+        return true;
+    if (arg == "--jitter-dist")
         pending.jitterKind = jitterKind(value);
     else if (arg == "--reorder")
         model.reorderRate = number(arg, value, 0, 100) / 100;
@@ -230,7 +203,7 @@ void checkPath(const Config& config)
         throw UsageError("--frame: the receiver needs a frame duration that divides 60 ms");
     if (config.codec == sonranetsim::Codec::Opus && frame != 5 && frame != 10 && frame != 20 && frame != 60)
         throw UsageError("--frame: with Opus, 5, 10, 20 or 60 ms");
-    const unsigned* delays = config.delays;
+    const unsigned* delays = config.jitterBuffer.delays;
     unsigned raised[4] = {std::max(delays[0], frame), std::max(delays[1], frame), std::max(delays[2], frame),
                           delays[3]};
     if (!(raised[2] >= raised[0] && raised[0] >= raised[1]))
@@ -271,22 +244,6 @@ Options parse(int argc, char** argv)
     return options;
 }
 
-std::string percentOf(unsigned part, unsigned whole)
-{
-    char text[32];
-    std::snprintf(text, sizeof text, "%.1f%%", whole ? 100.0 * part / whole : 0.0);
-    return text;
-}
-
-std::string decibels(double value)
-{
-    if (std::isinf(value))
-        return "exact";
-    char text[32];
-    std::snprintf(text, sizeof text, "%.1f dB", value);
-    return text;
-}
-
 const char* jitterName(JitterKind kind)
 {
     switch (kind) {
@@ -315,10 +272,10 @@ void printSummary(const Options& options, const sonranetsim::Result& result)
                     static_cast<unsigned long long>(model.seed), model.lossRate * 100, model.burstLength,
                     model.baseDelay, jitterName(model.jitterKind), model.jitter, model.reorderRate * 100,
                     model.reorderDelay, model.duplicateRate * 100, model.spikeRate * 100, model.spikeHeight);
-    const unsigned* delays = config.delays;
+    const unsigned* delays = config.jitterBuffer.delays;
     std::printf("jitter buffer: initial %u, min %u, max %u, extra %u ms, %s playout, recovery %s\n", delays[0],
-                delays[1], delays[2], delays[3], config.adaptivePlayout ? "adaptive" : "fixed",
-                config.recovery ? "on" : "off");
+                delays[1], delays[2], delays[3], config.jitterBuffer.adaptive ? "adaptive" : "fixed",
+                config.jitterBuffer.recovery ? "on" : "off");
     if (config.codec == sonranetsim::Codec::Opus)
         std::printf("decoder: concealment up to %u ms a gap, in-band FEC %s\n", config.concealment,
                     config.fecLoss > 0 ? ("for " + std::to_string(config.fecLoss) + "% loss").c_str() : "off");

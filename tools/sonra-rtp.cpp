@@ -4,9 +4,9 @@
 //   sonra-rtp send FILE --to HOST:PORT [--pcap FILE.pcap]
 //   sonra-rtp recv --port PORT --out FILE.wav [--bind ADDRESS] [--seconds N] [--idle S]
 //   sonra-rtp replay FILE.pcap --out FILE.wav [--ssrc N]
-#include "sonrapcap_p.h"
-#include "sonrasoundfile_p.h"
-#include "sonratooloptions_p.h"
+#include "sonrapcap.h"
+#include "sonrasoundfile.h"
+#include "sonraoptions.h"
 #include "sonradevnode.h"
 #include "sonrag711decnode.h"
 #include "sonrag711encnode.h"
