@@ -24,7 +24,14 @@ using sonratool::writeWav;
 using sonranetsim::Config;
 using sonranetsim::JitterKind;
 
-const char* const USAGE =
+// The receiver's own delays, as the help states them.
+std::string defaultDelays()
+{
+    const unsigned* d = sonranetsim::RECEIVER_DEFAULT_DELAYS_MS;
+    return std::to_string(d[0]) + "," + std::to_string(d[1]) + "," + std::to_string(d[2]) + "," + std::to_string(d[3]);
+}
+
+const std::string USAGE =
     "usage: sonra-netsim INPUT OUTPUT.wav [options]\n"
     "\n"
     "Plays INPUT (any sound file libsndfile reads; mixed to mono, resampled to --rate)\n"
@@ -37,13 +44,13 @@ const char* const USAGE =
     "                         with pcm, any duration that divides 60\n"
     "  --codec opus|pcm       pcm sends the samples themselves, to judge network and buffer alone (opus)\n"
     "  --delays I,MIN,MAX,X   jitter buffer delays, ms: initial, minimum, maximum, extra jitter\n"
-    "                         (60,60,60,300); multiples of the frame duration\n"
+    "                         (" + defaultDelays() + "); multiples of the frame duration\n"
     "  --policy fixed|adaptive  fixed plays the initial delay; adaptive the shallowest delay\n"
     "                         whose recent share of too-old frames stays under 1% (fixed)\n"
     "  --recovery on|off      re-anchor on a restarted or re-numbered stream; never let one\n"
     "                         stray datagram move the stream (on)\n"
     "  --plc MS               Opus: conceal up to MS of each gap in the played packets (0: none)\n"
-    "  --fec PCT              Opus: in-band FEC set for PCT %% loss, and a decoder that waits a frame\n"
+    "  --fec PCT              Opus: in-band FEC set for PCT % loss, and a decoder that waits a frame\n"
     "                         for each packet's successor to rebuild a lost packet from it (0: none)\n"
     "network model:\n"
     "  --seed N               seed of every random draw (1)\n"
@@ -319,7 +326,7 @@ int main(int argc, char** argv)
     try {
         options = parse(argc, argv);
     } catch (const UsageError& error) {
-        std::fprintf(stderr, "sonra-netsim: %s\n\n%s", error.what(), USAGE);
+        std::fprintf(stderr, "sonra-netsim: %s\n\n%s", error.what(), USAGE.c_str());
         return 2;
     } catch (const std::exception& error) {
         std::fprintf(stderr, "sonra-netsim: %s\n", error.what());

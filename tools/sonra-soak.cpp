@@ -131,6 +131,10 @@ int main(int argc, char** argv)
 {
     try {
         const std::string command = argc > 1 ? argv[1] : "";
+        if (command == "--help" || command == "-h") {
+            std::cout << USAGE;
+            return 0;
+        }
         if (command == "call")
             return call(options(argc, argv));
         if (command == "devices")
