@@ -9,6 +9,8 @@
 #include "sonrasignal.h"
 #include "sonrasoundfile.h"
 
+#include "benchratio.h"
+
 #include <benchmark/benchmark.h>
 
 #include <opus.h>
@@ -87,4 +89,5 @@ void BM_CallBareOpus(benchmark::State& state)
 } // namespace
 
 BENCHMARK(BM_CallTwoParties)->Unit(benchmark::kMicrosecond);
+SONRA_BASELINE(BM_CallTwoParties, "a two-party call, both parties' whole paths", BM_CallBareOpus, "opus_encode + opus_decode, twice");
 BENCHMARK(BM_CallBareOpus)->Unit(benchmark::kMicrosecond);

@@ -9,6 +9,8 @@
 #include "sonraopusdecnode.h"
 #include "sonraopusencnode.h"
 
+#include "benchratio.h"
+
 #include <benchmark/benchmark.h>
 #include <boost/make_shared.hpp>
 
@@ -171,8 +173,10 @@ void BM_Pipe_PassNode(benchmark::State& state)
 BENCHMARK(BM_Pipe_PassNode)->Arg(16000)->Unit(benchmark::kMicrosecond);
 BENCHMARK(BM_OpusEncode_Bare)->Arg(16000)->Arg(48000)->Unit(benchmark::kMicrosecond);
 BENCHMARK(BM_OpusEncode_Node)->Arg(16000)->Arg(48000)->Unit(benchmark::kMicrosecond);
+SONRA_BASELINE(BM_OpusEncode_Node, "Opus encoder node (arg: Hz)", BM_OpusEncode_Bare, "opus_encode");
 BENCHMARK(BM_OpusDecode_Bare)->Arg(16000)->Arg(48000)->Unit(benchmark::kMicrosecond);
 BENCHMARK(BM_OpusDecode_Node)->Arg(16000)->Arg(48000)->Unit(benchmark::kMicrosecond);
+SONRA_BASELINE(BM_OpusDecode_Node, "Opus decoder node (arg: Hz)", BM_OpusDecode_Bare, "opus_decode");
 
 // ----------------------------------------------------------------- G.711
 
@@ -287,9 +291,11 @@ void BM_G711Decode_TableLoop(benchmark::State& state)
 
 // Argument: 0 A-law, 1 mu-law.
 BENCHMARK(BM_G711Encode_Node)->Arg(0)->Arg(1);
+SONRA_BASELINE(BM_G711Encode_Node, "G.711 encoder node (0 A-law, 1 mu-law)", BM_G711Encode_TableLoop, "table loop");
 BENCHMARK(BM_G711Encode_TableLoop)->Arg(0)->Arg(1);
 BENCHMARK(BM_G711Encode_CallLoop)->Arg(0)->Arg(1);
 BENCHMARK(BM_G711Decode_Node)->Arg(0)->Arg(1);
+SONRA_BASELINE(BM_G711Decode_Node, "G.711 decoder node (0 A-law, 1 mu-law)", BM_G711Decode_TableLoop, "table loop");
 BENCHMARK(BM_G711Decode_TableLoop)->Arg(0)->Arg(1);
 BENCHMARK(BM_G711Decode_CallLoop)->Arg(0)->Arg(1);
 

@@ -11,6 +11,8 @@
 
 #include <SoundTouch.h>
 
+#include "benchratio.h"
+
 #include <benchmark/benchmark.h>
 
 #include <boost/make_shared.hpp>
@@ -221,9 +223,12 @@ void BM_ReverbLoop(benchmark::State& state)
 } // namespace
 
 BENCHMARK(BM_VoiceChangeNode)->Arg(16000)->Arg(48000);
+SONRA_BASELINE(BM_VoiceChangeNode, "voice change node (Hz)", BM_VoiceChangeSoundTouch, "SoundTouch put/receive");
 BENCHMARK(BM_VoiceChangeSoundTouch)->Arg(16000)->Arg(48000);
 BENCHMARK(BM_VoiceChangePaired)->Arg(16000)->Arg(48000);
 BENCHMARK(BM_MonoToStereoNode)->Arg(16000)->Arg(48000);
+SONRA_BASELINE(BM_MonoToStereoNode, "mono-to-stereo node (Hz)", BM_MonoToStereoLoop, "plain delay loop");
 BENCHMARK(BM_MonoToStereoLoop)->Arg(16000)->Arg(48000);
 BENCHMARK(BM_ReverbNode)->Arg(16000)->Arg(48000);
+SONRA_BASELINE(BM_ReverbNode, "reverb node (Hz)", BM_ReverbLoop, "plain echo loop");
 BENCHMARK(BM_ReverbLoop)->Arg(16000)->Arg(48000);

@@ -106,6 +106,7 @@ void BM_JbufOneQueue(benchmark::State& state)
     runJbuf(state, jbuf);
 }
 BENCHMARK(BM_JbufOneQueue);
+SONRA_BASELINE(BM_JbufOneQueue, "jitter buffer put+get, one queue", BM_BareOpusDecode, "opus_decode (16 kHz)");
 
 void BM_JbufFiveQueues(benchmark::State& state)
 {
@@ -114,6 +115,7 @@ void BM_JbufFiveQueues(benchmark::State& state)
     runJbuf(state, jbuf);
 }
 BENCHMARK(BM_JbufFiveQueues);
+SONRA_BASELINE(BM_JbufFiveQueues, "jitter buffer put+get, five queues", BM_BareOpusDecode, "opus_decode (16 kHz)");
 
 // The same with the playout policy following the network and recovery on.
 void BM_JbufFiveQueuesAdaptive(benchmark::State& state)
@@ -145,16 +147,6 @@ void BM_ReceiverNode(benchmark::State& state)
     }
 }
 BENCHMARK(BM_ReceiverNode);
+SONRA_BASELINE(BM_ReceiverNode, "receiver node, per datagram", BM_BareOpusDecode, "opus_decode (16 kHz)");
 
 } // namespace
-
-int main(int argc, char** argv)
-{
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv))
-        return 1;
-    RatioReporter reporter("BM_BareOpusDecode", "one bare opus_decode of 20 ms at 16 kHz");
-    benchmark::RunSpecifiedBenchmarks(&reporter);
-    benchmark::Shutdown();
-    return 0;
-}
