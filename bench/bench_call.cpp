@@ -29,7 +29,7 @@ const unsigned SPEECH_FRAMES = 6000; // 2 minutes of each party's voice, more th
 
 std::vector<int16_t> speechOf(unsigned party)
 {
-    return sonratool::voice(RATE, SPEECH_FRAMES * FRAME_SAMPLES, 110.0 + 40 * party);
+    return sonratool::speechLike(RATE, SPEECH_FRAMES * FRAME_SAMPLES, 110.0 + 40 * party);
 }
 
 void legsPerCore(benchmark::State& state)

@@ -10,6 +10,7 @@
 #include "sonraopusencnode.h"
 
 #include "benchratio.h"
+#include "sonrasignal.h"
 
 #include <benchmark/benchmark.h>
 #include <boost/make_shared.hpp>
@@ -35,21 +36,14 @@ boost::shared_ptr<boost::asio::io_service> service()
     return io;
 }
 
-// One second of a voiced, speech-like signal, cut into frames.
+// One second of the speech-like signal, cut into frames.
 std::vector<std::vector<int16_t> > pcmFrames(unsigned sampleRate)
 {
     const unsigned n = sampleRate * DURATION / 1000;
-    std::vector<std::vector<int16_t> > frames(FRAMES, std::vector<int16_t>(n));
-    double phase = 0;
+    const std::vector<int16_t> speech = sonratool::speechLike(sampleRate, std::size_t(FRAMES) * n);
+    std::vector<std::vector<int16_t> > frames;
     for (unsigned k = 0; k < FRAMES; ++k)
-        for (unsigned i = 0; i < n; ++i) {
-            const double t = double(k * n + i) / sampleRate;
-            phase += 2 * M_PI * (150.0 + 40.0 * std::sin(2 * M_PI * 1.3 * t)) / sampleRate;
-            double value = 0;
-            for (int h = 1; h <= 12; ++h)
-                value += std::sin(h * phase) / h;
-            frames[k][i] = static_cast<int16_t>(5000.0 * value * (0.3 + 0.7 * std::fabs(std::sin(M_PI * 4 * t))));
-        }
+        frames.emplace_back(speech.begin() + std::ptrdiff_t(k) * n, speech.begin() + std::ptrdiff_t(k + 1) * n);
     return frames;
 }
 

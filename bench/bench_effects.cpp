@@ -12,6 +12,7 @@
 #include <SoundTouch.h>
 
 #include "benchratio.h"
+#include "sonrasignal.h"
 
 #include <benchmark/benchmark.h>
 
@@ -22,7 +23,6 @@
 #include <cmath>
 #include <cstdint>
 #include <cstring>
-#include <random>
 #include <vector>
 
 using namespace ombrel;
@@ -33,14 +33,7 @@ const unsigned FRAME_MS = 20;
 
 std::vector<int16_t> speechLikeSignal(std::size_t count)
 {
-    std::mt19937 generator(42);
-    std::normal_distribution<double> noise(0.0, 3000.0);
-    std::vector<int16_t> samples(count);
-    for (std::size_t k = 0; k < count; ++k) {
-        const double tone = 8000 * std::sin(2 * M_PI * 180 * k / 16000.0) + 4000 * std::sin(2 * M_PI * 720 * k / 16000.0);
-        samples[k] = SonraNode::normalize(static_cast<int>(std::lround(tone + noise(generator))));
-    }
-    return samples;
+    return sonratool::speechLike(16000, count); // Hz
 }
 
 boost::shared_ptr<std::vector<char> > frameOf(const std::vector<int16_t>& samples)

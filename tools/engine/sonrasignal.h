@@ -9,10 +9,11 @@
 
 namespace sonratool {
 
-// A voiced signal: harmonics of a fundamental that glides around `pitch`
-// (Hz), under a syllable-rate envelope; peaks near 8000. `count` samples
-// at `sampleRate` Hz.
-std::vector<int16_t> voice(unsigned sampleRate, std::size_t count, double pitch);
+// Voiced speech-like: a fundamental gliding 40 Hz either side of `pitch`
+// (Hz), harmonics up to 3.4 kHz (or 0.4 x the rate) shaped by three
+// formants, a 4 Hz syllable envelope; `count` samples at `sampleRate` Hz,
+// peaks at 12000.
+std::vector<int16_t> speechLike(unsigned sampleRate, std::size_t count, double pitch = 150.0);
 
 } // namespace sonratool
 

@@ -32,7 +32,7 @@
 
 namespace sonrasoak {
 
-using sonratool::voice;
+using sonratool::speechLike;
 typedef boost::shared_ptr<std::vector<char> > Frame;
 typedef std::chrono::steady_clock Clock;
 
@@ -84,7 +84,7 @@ struct SoakGraph {
 boost::shared_ptr<ombrel::SonraDevNode> loopedVoice(const SoakCallConfig& config, const SoakGraph& graph, unsigned p)
 {
     const std::size_t frameSamples = graph.frameSamples;
-    const auto speech = std::make_shared<std::vector<int16_t> >(voice(config.sampleRate, config.sampleRate, 110.0 + 40 * p));
+    const auto speech = std::make_shared<std::vector<int16_t> >(speechLike(config.sampleRate, config.sampleRate, 110.0 + 40 * p));
     auto position = std::make_shared<std::size_t>(0);
     return boost::make_shared<ombrel::SonraDevNode>(
         [speech, position, frameSamples]() {
@@ -269,7 +269,7 @@ private:
 bool writeTone(const std::string& path, unsigned sampleRate)
 {
     try {
-        sonratool::writeWav(path, voice(sampleRate, sampleRate, 200), sampleRate);
+        sonratool::writeWav(path, speechLike(sampleRate, sampleRate, 200), sampleRate);
         return true;
     } catch (const std::exception&) {
         return false;
@@ -349,7 +349,7 @@ GraphsResult runGraphs(const GraphsConfig& config)
     for (unsigned i = 0; i < config.graphs; ++i) {
         configs.push_back(graphConfig(i));
         const unsigned samples = configs[i].sampleRate * configs[i].frameDuration / 1000 * config.frames;
-        inputs.push_back(voice(configs[i].sampleRate, samples, 100 + 3 * i));
+        inputs.push_back(speechLike(configs[i].sampleRate, samples, 100 + 3 * i));
     }
     std::vector<std::vector<int16_t> > alone(config.graphs), together(config.graphs);
     GraphsResult result;
