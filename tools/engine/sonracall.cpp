@@ -352,6 +352,14 @@ void Call::recordParty(std::size_t p)
     Party& party = *m_parties[p];
     const std::vector<int16_t> said = samplesOf(party.micVolume->outputData(), FRAME_SAMPLES);
     party.said.insert(party.said.end(), said.begin(), said.end());
+    party.limitedFrames += mixerLimited(p);
+}
+
+// The mixer's limiter limits every sum of its inputs at or beyond its
+// level; for mono inputs (the peers, the notification) these sums are the
+// mixer's own (a stereo hold file's are not: the mixer folds its channels).
+bool Call::mixerLimited(std::size_t p) const
+{
     std::vector<int32_t> sum(FRAME_SAMPLES, 0);
     auto add = [&sum](const Frame& frame) {
         const std::vector<int16_t> samples = samplesOf(frame, FRAME_SAMPLES);
@@ -361,10 +369,10 @@ void Call::recordParty(std::size_t p)
     for (auto& leg : m_legs)
         if (leg->to == p)
             add(leg->output->outputData());
-    for (auto& source : party.extraSources)
+    for (auto& source : m_parties[p]->extraSources)
         add(source->outputData());
-    const bool cut = std::any_of(sum.begin(), sum.end(), [](int32_t s) { return std::abs(s) >= LIMIT_LEVEL; });
-    party.limiterCuts += cut;
+    return std::any_of(sum.begin(), sum.end(),
+                       [](int32_t s) { return std::abs(s) >= SonraMixerNode::LIMIT_LEVEL; });
 }
 
 } // namespace sonracall

@@ -43,7 +43,6 @@ typedef boost::shared_ptr<std::vector<char> > Frame;
 const unsigned RATE = 16000;        // Hz, of every path
 const unsigned FRAME_MS = 20;       // ms, graph frames and packets alike
 const unsigned FRAME_SAMPLES = 320; // samples per channel in a graph frame
-const int LIMIT_LEVEL = 28672;      // a mixed sample at this magnitude makes the mixer's limiter cut
 const unsigned G711_RATE = 8000;    // Hz, the only rate G.711 takes
 const int PLAYER_MAX_FILE = 64 << 20; // bytes of a notification or hold file
 
@@ -136,7 +135,7 @@ struct Party {
     unsigned playbackChannels = 1;
     std::vector<int16_t> said;  // what the encoder took: the microphone after the send path
     std::vector<int16_t> heard; // what the playback device played, interleaved
-    unsigned limiterCuts = 0;   // graph frames in which the mixed peers reached the limiting level
+    unsigned limitedFrames = 0; // graph frames in which the mixer's limiter limited a sum of its inputs
 };
 
 // A voice call of any number of parties.
@@ -183,6 +182,7 @@ private:
     void record(Party& party);
     std::vector<int16_t> microphoneFrame(std::size_t p, unsigned frame) const;
     void recordParty(std::size_t p);
+    bool mixerLimited(std::size_t p) const;
 
     CallConfig m_config;
     boost::shared_ptr<boost::asio::io_service> m_io = boost::make_shared<boost::asio::io_service>();

@@ -165,7 +165,7 @@ CallRecord recordsOf(const Call& call, const std::vector<std::string>& inputs,
         for (const auto& leg : call.legs())
             if (leg->to == p)
                 record.legs.push_back(legRecord(*leg));
-        record.limitedFrames = party.limiterCuts;
+        record.limitedFrames = party.limitedFrames;
         record.frames = party.said.size() / FRAME_SAMPLES;
         records.parties.push_back(record);
     }
