@@ -36,7 +36,7 @@ const std::string USAGE =
     "path:\n"
     "  --rate HZ              sample rate of the path: 8000, 12000, 16000, 24000, 48000 (16000)\n"
     "  --frame MS             graph frame and packet duration, ms: 5, 10, 20, 60 (20);\n"
-    "                         with pcm, any duration that divides 60\n"
+    "                         with pcm, any duration that divides " + std::to_string(sonranetsim::RECEIVER_DEFAULT_DELAYS_MS[0]) + "\n"
     "  --codec opus|pcm       pcm sends the samples themselves, to judge network and buffer alone (opus)\n"
     "  --delays I,MIN,MAX,X   jitter buffer delays, ms: initial, minimum, maximum, extra jitter\n"
     "                         (" + defaultDelays() + "); multiples of the frame duration\n"

@@ -132,8 +132,10 @@ void checkPath(const Config& config)
     const unsigned frame = config.frameDuration;
     // The receiver starts with delays of 60 and 300 ms at one packet per
     // frame, so its frame duration must divide 60 ms whatever --delays says.
-    if (60 % frame != 0)
-        throw UsageError("--frame: the receiver needs a frame duration that divides 60 ms");
+    const unsigned initialMs = RECEIVER_DEFAULT_DELAYS_MS[0];
+    if (initialMs % frame != 0)
+        throw UsageError("--frame: the receiver needs a frame duration that divides " + std::to_string(initialMs) +
+                         " ms");
     if (config.codec == Codec::Opus && frame != 5 && frame != 10 && frame != 20 && frame != 60)
         throw UsageError("--frame: with Opus, 5, 10, 20 or 60 ms");
     const unsigned* delays = config.jitterBuffer.delays;
