@@ -120,6 +120,8 @@ void BM_JbufFiveQueuesAdaptive(benchmark::State& state)
     runJbuf(state, jbuf);
 }
 BENCHMARK(BM_JbufFiveQueuesAdaptive);
+SONRA_BASELINE(BM_JbufFiveQueuesAdaptive, "jitter buffer put+get, five queues, adaptive playout", BM_BareOpusDecode,
+               "opus_decode (16 kHz)");
 
 // The whole receiving node: a datagram in (length check, parse, payload
 // copy, put) and one graph frame out.
