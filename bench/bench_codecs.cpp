@@ -9,6 +9,9 @@
 #include "sonraopusdecnode.h"
 #include "sonraopusencnode.h"
 
+#include "benchratio.h"
+#include "sonrasignal.h"
+
 #include <benchmark/benchmark.h>
 #include <boost/make_shared.hpp>
 
@@ -33,21 +36,14 @@ boost::shared_ptr<boost::asio::io_service> service()
     return io;
 }
 
-// One second of a voiced, speech-like signal, cut into frames.
+// One second of the speech-like signal, cut into frames.
 std::vector<std::vector<int16_t> > pcmFrames(unsigned sampleRate)
 {
     const unsigned n = sampleRate * DURATION / 1000;
-    std::vector<std::vector<int16_t> > frames(FRAMES, std::vector<int16_t>(n));
-    double phase = 0;
+    const std::vector<int16_t> speech = sonratool::speechLike(sampleRate, std::size_t(FRAMES) * n);
+    std::vector<std::vector<int16_t> > frames;
     for (unsigned k = 0; k < FRAMES; ++k)
-        for (unsigned i = 0; i < n; ++i) {
-            const double t = double(k * n + i) / sampleRate;
-            phase += 2 * M_PI * (150.0 + 40.0 * std::sin(2 * M_PI * 1.3 * t)) / sampleRate;
-            double value = 0;
-            for (int h = 1; h <= 12; ++h)
-                value += std::sin(h * phase) / h;
-            frames[k][i] = static_cast<int16_t>(5000.0 * value * (0.3 + 0.7 * std::fabs(std::sin(M_PI * 4 * t))));
-        }
+        frames.emplace_back(speech.begin() + std::ptrdiff_t(k) * n, speech.begin() + std::ptrdiff_t(k + 1) * n);
     return frames;
 }
 
@@ -171,8 +167,10 @@ void BM_Pipe_PassNode(benchmark::State& state)
 BENCHMARK(BM_Pipe_PassNode)->Arg(16000)->Unit(benchmark::kMicrosecond);
 BENCHMARK(BM_OpusEncode_Bare)->Arg(16000)->Arg(48000)->Unit(benchmark::kMicrosecond);
 BENCHMARK(BM_OpusEncode_Node)->Arg(16000)->Arg(48000)->Unit(benchmark::kMicrosecond);
+SONRA_BASELINE(BM_OpusEncode_Node, "Opus encoder node (arg: Hz)", BM_OpusEncode_Bare, "opus_encode");
 BENCHMARK(BM_OpusDecode_Bare)->Arg(16000)->Arg(48000)->Unit(benchmark::kMicrosecond);
 BENCHMARK(BM_OpusDecode_Node)->Arg(16000)->Arg(48000)->Unit(benchmark::kMicrosecond);
+SONRA_BASELINE(BM_OpusDecode_Node, "Opus decoder node (arg: Hz)", BM_OpusDecode_Bare, "opus_decode");
 
 // ----------------------------------------------------------------- G.711
 
@@ -287,9 +285,11 @@ void BM_G711Decode_TableLoop(benchmark::State& state)
 
 // Argument: 0 A-law, 1 mu-law.
 BENCHMARK(BM_G711Encode_Node)->Arg(0)->Arg(1);
+SONRA_BASELINE(BM_G711Encode_Node, "G.711 encoder node (0 A-law, 1 mu-law)", BM_G711Encode_TableLoop, "table loop");
 BENCHMARK(BM_G711Encode_TableLoop)->Arg(0)->Arg(1);
 BENCHMARK(BM_G711Encode_CallLoop)->Arg(0)->Arg(1);
 BENCHMARK(BM_G711Decode_Node)->Arg(0)->Arg(1);
+SONRA_BASELINE(BM_G711Decode_Node, "G.711 decoder node (0 A-law, 1 mu-law)", BM_G711Decode_TableLoop, "table loop");
 BENCHMARK(BM_G711Decode_TableLoop)->Arg(0)->Arg(1);
 BENCHMARK(BM_G711Decode_CallLoop)->Arg(0)->Arg(1);
 

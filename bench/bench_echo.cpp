@@ -5,6 +5,7 @@
 // With "--report DIR" it measures instead both engines in the simulated
 // rooms and writes the figures table of docs/echo.md to stdout and the
 // enhancement over time to DIR/erle.dat (scripts/echo-report plots it).
+#include "benchratio.h"
 #include "sonraechocontrol.h"
 
 #include <benchmark/benchmark.h>
@@ -136,6 +137,8 @@ void BM_EchoBareEngine(benchmark::State& state)
 
 BENCHMARK(BM_EchoDeviceBlock)->Arg(0)->Arg(1)->Unit(benchmark::kMicrosecond);
 BENCHMARK(BM_EchoBareEngine)->Arg(0)->Arg(1)->Unit(benchmark::kMicrosecond);
+SONRA_BASELINE(BM_EchoDeviceBlock, "device echo control per block (0 WebRTC, 1 SpeexDSP)", BM_EchoBareEngine,
+               "the engine's bare calls");
 
 // ------------------------------------------------------------------ report
 
@@ -245,8 +248,5 @@ int main(int argc, char** argv)
 {
     if (argc == 3 && std::string(argv[1]) == "--report")
         return report(argv[2]);
-    benchmark::Initialize(&argc, argv);
-    benchmark::RunSpecifiedBenchmarks();
-    benchmark::Shutdown();
-    return 0;
+    return runBenchmarks(argc, argv);
 }

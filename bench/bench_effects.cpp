@@ -11,6 +11,9 @@
 
 #include <SoundTouch.h>
 
+#include "benchratio.h"
+#include "sonrasignal.h"
+
 #include <benchmark/benchmark.h>
 
 #include <boost/make_shared.hpp>
@@ -20,7 +23,6 @@
 #include <cmath>
 #include <cstdint>
 #include <cstring>
-#include <random>
 #include <vector>
 
 using namespace ombrel;
@@ -31,14 +33,7 @@ const unsigned FRAME_MS = 20;
 
 std::vector<int16_t> speechLikeSignal(std::size_t count)
 {
-    std::mt19937 generator(42);
-    std::normal_distribution<double> noise(0.0, 3000.0);
-    std::vector<int16_t> samples(count);
-    for (std::size_t k = 0; k < count; ++k) {
-        const double tone = 8000 * std::sin(2 * M_PI * 180 * k / 16000.0) + 4000 * std::sin(2 * M_PI * 720 * k / 16000.0);
-        samples[k] = SonraNode::normalize(static_cast<int>(std::lround(tone + noise(generator))));
-    }
-    return samples;
+    return sonratool::speechLike(16000, count); // Hz
 }
 
 boost::shared_ptr<std::vector<char> > frameOf(const std::vector<int16_t>& samples)
@@ -221,9 +216,12 @@ void BM_ReverbLoop(benchmark::State& state)
 } // namespace
 
 BENCHMARK(BM_VoiceChangeNode)->Arg(16000)->Arg(48000);
+SONRA_BASELINE(BM_VoiceChangeNode, "voice change node (Hz)", BM_VoiceChangeSoundTouch, "SoundTouch put/receive");
 BENCHMARK(BM_VoiceChangeSoundTouch)->Arg(16000)->Arg(48000);
 BENCHMARK(BM_VoiceChangePaired)->Arg(16000)->Arg(48000);
 BENCHMARK(BM_MonoToStereoNode)->Arg(16000)->Arg(48000);
+SONRA_BASELINE(BM_MonoToStereoNode, "mono-to-stereo node (Hz)", BM_MonoToStereoLoop, "plain delay loop");
 BENCHMARK(BM_MonoToStereoLoop)->Arg(16000)->Arg(48000);
 BENCHMARK(BM_ReverbNode)->Arg(16000)->Arg(48000);
+SONRA_BASELINE(BM_ReverbNode, "reverb node (Hz)", BM_ReverbLoop, "plain echo loop");
 BENCHMARK(BM_ReverbLoop)->Arg(16000)->Arg(48000);

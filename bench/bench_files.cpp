@@ -12,6 +12,8 @@
 
 #include <speex/speex_resampler.h>
 
+#include "benchratio.h"
+
 #include <benchmark/benchmark.h>
 
 #include <boost/make_shared.hpp>
@@ -132,5 +134,7 @@ void BM_PlayerNode(benchmark::State& state)
 
 BENCHMARK(BM_ReaderBare)->Args({16000, 1})->Args({48000, 2})->Args({44100, 1});
 BENCHMARK(BM_ReaderNode)->Args({16000, 1})->Args({48000, 2})->Args({44100, 1});
+SONRA_BASELINE(BM_ReaderNode, "file reader node (file Hz, channels)", BM_ReaderBare, "sf_readf_short (+ resampler)");
 BENCHMARK(BM_PlayerBare)->Arg(1)->Arg(2);
 BENCHMARK(BM_PlayerNode)->Arg(1)->Arg(2);
+SONRA_BASELINE(BM_PlayerNode, "file play node (channels)", BM_PlayerBare, "memcpy of a frame");

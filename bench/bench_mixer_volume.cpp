@@ -5,6 +5,8 @@
 #include "sonravolumenode.h"
 #include "sonradevnode.h"
 
+#include "benchratio.h"
+
 #include <benchmark/benchmark.h>
 #include <boost/make_shared.hpp>
 
@@ -118,6 +120,8 @@ void volumeNode(benchmark::State& state)
 
 BENCHMARK(plainSaturatingSum)->ArgsProduct({{2, 16, 64}, {8000, 16000, 48000}});
 BENCHMARK(mixerNode)->ArgsProduct({{2, 16, 64}, {8000, 16000, 48000}});
+SONRA_BASELINE(mixerNode, "mixer node (inputs, Hz)", plainSaturatingSum, "saturating sum loop");
 // Volume in percent: unity and a typical attenuation.
 BENCHMARK(plainScaleLoop)->Arg(100)->Arg(80);
 BENCHMARK(volumeNode)->Arg(100)->Arg(80);
+SONRA_BASELINE(volumeNode, "volume node (percent, 48 kHz stereo)", plainScaleLoop, "scale loop");

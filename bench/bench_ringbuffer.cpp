@@ -2,6 +2,8 @@
 // against a bare memcpy of the same bytes, in the same process.
 #include "sonraringbuffer.h"
 
+#include "benchratio.h"
+
 #include <benchmark/benchmark.h>
 
 #include <cstring>
@@ -47,6 +49,7 @@ void BM_RingPutGet(benchmark::State& state)
     state.SetBytesProcessed(int64_t(state.iterations()) * FRAME_BYTES);
 }
 BENCHMARK(BM_RingPutGet);
+SONRA_BASELINE(BM_RingPutGet, "ring buffer put+get, 640 bytes", BM_Memcpy, "memcpy");
 
 // The consumer one frame behind: every put appends to held bytes, and the
 // content wraps around the storage's end every 18 frames.

@@ -61,6 +61,7 @@ void BM_RtpReceiverNode(benchmark::State& state)
     }
 }
 BENCHMARK(BM_RtpReceiverNode);
+SONRA_BASELINE(BM_RtpReceiverNode, "RTP receiver node, per packet", BM_BareJitterBuffer, "jitter_buffer_put/get/tick");
 
 // Sender and receiver in one graph frame: a fresh payload (as an encoder
 // makes), the header inserted in place, handed to the receiver, and one
@@ -82,16 +83,6 @@ void BM_RtpSenderAndReceiver(benchmark::State& state)
     pipe->clear();
 }
 BENCHMARK(BM_RtpSenderAndReceiver);
+SONRA_BASELINE(BM_RtpSenderAndReceiver, "RTP sender + receiver, per frame", BM_BareJitterBuffer, "jitter_buffer_put/get/tick");
 
 } // namespace
-
-int main(int argc, char** argv)
-{
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv))
-        return 1;
-    RatioReporter reporter("BM_BareJitterBuffer", "one bare jitter_buffer_put, _get and _tick at 8 kHz / 20 ms");
-    benchmark::RunSpecifiedBenchmarks(&reporter);
-    benchmark::Shutdown();
-    return 0;
-}

@@ -13,6 +13,8 @@
 #include <speex/speex_preprocess.h>
 #include <speex/speex_resampler.h>
 
+#include "benchratio.h"
+
 #include <benchmark/benchmark.h>
 
 #include <boost/make_shared.hpp>
@@ -170,5 +172,7 @@ void BM_NoiseSupressNode(benchmark::State& state)
 
 BENCHMARK(BM_ResamplerBare)->Args({16000, 48000, 1})->Args({48000, 16000, 1})->Args({16000, 48000, 2})->Args({48000, 16000, 2});
 BENCHMARK(BM_ResamplerNode)->Args({16000, 48000, 1})->Args({48000, 16000, 1})->Args({16000, 48000, 2})->Args({48000, 16000, 2});
+SONRA_BASELINE(BM_ResamplerNode, "resampler node (from Hz, to Hz, channels)", BM_ResamplerBare, "speex_resampler");
 BENCHMARK(BM_NoiseSupressBare)->Args({16000, 1})->Args({48000, 1})->Args({16000, 2})->Args({48000, 2});
 BENCHMARK(BM_NoiseSupressNode)->Args({16000, 1})->Args({48000, 1})->Args({16000, 2})->Args({48000, 2});
+SONRA_BASELINE(BM_NoiseSupressNode, "noise suppression node (Hz, channels)", BM_NoiseSupressBare, "speex_preprocess_run");

@@ -8,6 +8,7 @@
 #include "sonrareceivernode.h"
 
 #include "benchratio.h"
+#include "sonrasignal.h"
 
 #include <benchmark/benchmark.h>
 #include <boost/make_shared.hpp>
@@ -39,19 +40,11 @@ const std::vector<std::vector<unsigned char> >& opusPackets()
         int error = 0;
         OpusEncoder* encoder = opus_encoder_create(SAMPLE_RATE, 1, OPUS_APPLICATION_VOIP, &error);
         std::vector<std::vector<unsigned char> > encoded;
-        std::vector<int16_t> pcm(FRAME_SAMPLES);
-        double phase = 0;
+        const std::vector<int16_t> speech = sonratool::speechLike(SAMPLE_RATE, std::size_t(PACKETS) * FRAME_SAMPLES);
         for (unsigned p = 0; p < PACKETS; ++p) {
-            for (int i = 0; i < FRAME_SAMPLES; ++i) {
-                const double t = double(p * FRAME_SAMPLES + i) / SAMPLE_RATE;
-                phase += 2 * M_PI * (140 + 20 * std::sin(2 * M_PI * 3 * t)) / SAMPLE_RATE;
-                double value = 0;
-                for (int h = 1; h <= 6; ++h)
-                    value += std::sin(h * phase) / h;
-                pcm[i] = static_cast<int16_t>(6000 * value);
-            }
             std::vector<unsigned char> packet(1500);
-            const int size = opus_encode(encoder, pcm.data(), FRAME_SAMPLES, packet.data(), int(packet.size()));
+            const int size = opus_encode(encoder, speech.data() + std::size_t(p) * FRAME_SAMPLES, FRAME_SAMPLES,
+                                         packet.data(), int(packet.size()));
             packet.resize(size > 0 ? size : 0);
             encoded.push_back(packet);
         }
@@ -106,6 +99,7 @@ void BM_JbufOneQueue(benchmark::State& state)
     runJbuf(state, jbuf);
 }
 BENCHMARK(BM_JbufOneQueue);
+SONRA_BASELINE(BM_JbufOneQueue, "jitter buffer put+get, one queue", BM_BareOpusDecode, "opus_decode (16 kHz)");
 
 void BM_JbufFiveQueues(benchmark::State& state)
 {
@@ -114,6 +108,7 @@ void BM_JbufFiveQueues(benchmark::State& state)
     runJbuf(state, jbuf);
 }
 BENCHMARK(BM_JbufFiveQueues);
+SONRA_BASELINE(BM_JbufFiveQueues, "jitter buffer put+get, five queues", BM_BareOpusDecode, "opus_decode (16 kHz)");
 
 // The same with the playout policy following the network and recovery on.
 void BM_JbufFiveQueuesAdaptive(benchmark::State& state)
@@ -125,6 +120,8 @@ void BM_JbufFiveQueuesAdaptive(benchmark::State& state)
     runJbuf(state, jbuf);
 }
 BENCHMARK(BM_JbufFiveQueuesAdaptive);
+SONRA_BASELINE(BM_JbufFiveQueuesAdaptive, "jitter buffer put+get, five queues, adaptive playout", BM_BareOpusDecode,
+               "opus_decode (16 kHz)");
 
 // The whole receiving node: a datagram in (length check, parse, payload
 // copy, put) and one graph frame out.
@@ -145,16 +142,6 @@ void BM_ReceiverNode(benchmark::State& state)
     }
 }
 BENCHMARK(BM_ReceiverNode);
+SONRA_BASELINE(BM_ReceiverNode, "receiver node, per datagram", BM_BareOpusDecode, "opus_decode (16 kHz)");
 
 } // namespace
-
-int main(int argc, char** argv)
-{
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv))
-        return 1;
-    RatioReporter reporter("BM_BareOpusDecode", "one bare opus_decode of 20 ms at 16 kHz");
-    benchmark::RunSpecifiedBenchmarks(&reporter);
-    benchmark::Shutdown();
-    return 0;
-}

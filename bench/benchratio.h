@@ -1,6 +1,10 @@
-// The console table, then every benchmark's CPU time per iteration as a
-// ratio to one reference benchmark's (the median when repetitions are
-// asked for), measured in the same run.
+// Every benchmark of a node declares, beside its registration, the bare
+// library call or plain loop it wraps (SONRA_BASELINE). Each program prints,
+// after the console table, every such node's CPU time per iteration as a
+// ratio to its baseline's with the same arguments (the median when
+// repetitions are asked for), measured in the same run. The declarations
+// also go into the JSON output's context, where scripts/performance.py
+// reads them: the pairs are stated once, here in each benchmark's file.
 #ifndef SONRA_BENCHRATIO_H
 #define SONRA_BENCHRATIO_H
 
@@ -8,17 +12,37 @@
 #include <unistd.h>
 
 #include <cstdio>
+#include <map>
 #include <string>
-#include <utility>
 #include <vector>
+
+struct Baseline {
+    std::string label;     // what the node's benchmark measures (its arguments in brackets)
+    std::string base;      // the baseline benchmark's name
+    std::string baseLabel; // what the baseline is
+};
+
+inline std::map<std::string, Baseline>& baselines()
+{
+    static std::map<std::string, Baseline> all; // by the node's benchmark name
+    return all;
+}
+
+struct DeclareBaseline {
+    DeclareBaseline(const char* node, const char* label, const char* base, const char* baseLabel)
+    {
+        baselines()[node] = Baseline{label, base, baseLabel};
+        benchmark::AddCustomContext(std::string("baseline ") + node,
+                                    std::string(base) + "\t" + label + "\t" + baseLabel);
+    }
+};
+
+#define SONRA_BASELINE(node, label, base, baseLabel) \
+    const DeclareBaseline sonraBaseline_##node(#node, label, #base, baseLabel)
 
 class RatioReporter : public benchmark::ConsoleReporter {
 public:
-    RatioReporter(const std::string& reference, const std::string& description)
-        : ConsoleReporter(isatty(fileno(stdout)) ? OO_ColorTabular : OO_Tabular), m_reference(reference),
-          m_description(description)
-    {
-    }
+    RatioReporter() : ConsoleReporter(isatty(fileno(stdout)) ? OO_ColorTabular : OO_Tabular) {}
 
     void ReportRuns(const std::vector<Run>& runs) override
     {
@@ -26,28 +50,52 @@ public:
         for (const Run& run : runs) {
             const bool single = run.run_type == Run::RT_Iteration && run.repetitions <= 1;
             const bool median = run.run_type == Run::RT_Aggregate && run.aggregate_name == "median";
-            if (single || median)
-                m_cpuTimes.push_back(std::make_pair(run.run_name.function_name, run.GetAdjustedCPUTime()));
+            if (single || median) {
+                m_order.push_back({run.run_name.function_name, run.run_name.args});
+                m_cpuTimes[m_order.back().name()] = run.GetAdjustedCPUTime();
+            }
         }
     }
     void Finalize() override
     {
         ConsoleReporter::Finalize();
-        double reference = 0;
-        for (const auto& time : m_cpuTimes) {
-            if (time.first == m_reference)
-                reference = time.second;
+        bool header = false;
+        for (const Name& name : m_order) {
+            const auto baseline = baselines().find(name.function);
+            if (baseline == baselines().end())
+                continue;
+            const Name base{baseline->second.base, name.args};
+            const auto found = m_cpuTimes.count(base.name()) ? m_cpuTimes.find(base.name())
+                                                             : m_cpuTimes.find(baseline->second.base);
+            if (found == m_cpuTimes.end() || found->second <= 0)
+                continue;
+            if (!header)
+                std::printf("\nCPU time as a ratio to the baseline's:\n");
+            header = true;
+            std::printf("  %-36s %8.4f  (to %s)\n", name.name().c_str(), m_cpuTimes[name.name()] / found->second,
+                        baseline->second.baseLabel.c_str());
         }
-        if (reference <= 0)
-            return;
-        std::printf("\nCPU time as a ratio to %s:\n", m_description.c_str());
-        for (const auto& time : m_cpuTimes)
-            std::printf("  %-22s %8.4f\n", time.first.c_str(), time.second / reference);
     }
 
 private:
-    std::string m_reference, m_description;
-    std::vector<std::pair<std::string, double> > m_cpuTimes;
+    struct Name {
+        std::string function, args;
+        std::string name() const { return args.empty() ? function : function + "/" + args; }
+    };
+    std::vector<Name> m_order;
+    std::map<std::string, double> m_cpuTimes;
 };
+
+// The console table, then the ratios of each node to its declared baseline.
+inline int runBenchmarks(int argc, char** argv)
+{
+    benchmark::Initialize(&argc, argv);
+    if (benchmark::ReportUnrecognizedArguments(argc, argv))
+        return 1;
+    RatioReporter reporter;
+    benchmark::RunSpecifiedBenchmarks(&reporter);
+    benchmark::Shutdown();
+    return 0;
+}
 
 #endif

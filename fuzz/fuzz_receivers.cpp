@@ -47,76 +47,93 @@ Frame rtpPacket(Reader& in, unsigned& nextSeqNum, unsigned span)
     return payload;
 }
 
+// The node under test, as the input's first choices build it, and the oracle's state.
+struct Target {
+    bool rtp = false;
+    boost::shared_ptr<ombrel::SonraReceiverNode> own;
+    boost::shared_ptr<SonraRtpReceiverNode> other;
+    unsigned frameDuration = 0, framesPerPacket = 1, rtpSpan = 0; // ms, graph frames, samples
+    std::map<std::vector<char>, unsigned> unplayed; // payload -> times received and not yet played
+    unsigned nextSeqNum = 1, phase = 0, payloadType = 8;
+};
+
+Target makeTarget(Reader& in)
+{
+    Target t;
+    t.rtp = in.byte() & 1;
+    if (t.rtp) {
+        const unsigned rate = in.choice(2) ? 16000 : 8000; // Hz
+        t.frameDuration = 10 * (1 + in.choice(3));
+        t.rtpSpan = rate * t.frameDuration / 1000;
+        t.other = boost::make_shared<SonraRtpReceiverNode>(ioService(), t.frameDuration, rate);
+        return t;
+    }
+    const OwnFormatConfig& config = CONFIGS[in.choice(sizeof(CONFIGS) / sizeof(CONFIGS[0]))];
+    t.frameDuration = config.frameDuration;
+    t.framesPerPacket = config.packetDuration / config.frameDuration;
+    t.own = boost::make_shared<ombrel::SonraReceiverNode>(ioService(), t.frameDuration, 16000);
+    t.own->setPacketDuration(config.packetDuration);
+    if (config.delays[0])
+        t.own->setDelays(config.delays[0], config.delays[1], config.delays[2], config.delays[3]);
+    return t;
+}
+
+// Any datagram, or a well-formed packet; its payload counts as playable
+// when the node may play it.
+void receive(Target& t, Reader& in, bool wellFormed)
+{
+    const Frame datagram = !wellFormed ? in.block(t.rtp)
+                           : t.rtp     ? rtpPacket(in, t.nextSeqNum, t.rtpSpan)
+                                       : ownPacket(in, t.nextSeqNum);
+    const std::size_t header = t.rtp ? 12 : ombrel::SonraPacket::HEADER_SIZE; // bytes
+    const bool playable = datagram->size() >= header &&
+                          (!t.rtp || (datagram->size() - header <= SonraRtpReceiverNode::MAX_PAYLOAD_SIZE &&
+                                      (uint8_t((*datagram)[1]) & 0x7f) == t.payloadType));
+    if (playable)
+        ++t.unplayed[std::vector<char>(datagram->begin() + header, datagram->end())];
+    t.rtp ? t.other->dataReceived(datagram) : t.own->dataReceived(datagram);
+}
+
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size)
 {
     Reader in(data, size);
-    const bool rtp = in.byte() & 1;
-    boost::shared_ptr<ombrel::SonraReceiverNode> own;
-    boost::shared_ptr<SonraRtpReceiverNode> other;
-    unsigned frameDuration = 0, framesPerPacket = 1, rtpSpan = 0; // ms, graph frames, samples
-    if (rtp) {
-        const unsigned rate = in.choice(2) ? 16000 : 8000; // Hz
-        frameDuration = 10 * (1 + in.choice(3));
-        rtpSpan = rate * frameDuration / 1000;
-        other = boost::make_shared<SonraRtpReceiverNode>(ioService(), frameDuration, rate);
-    } else {
-        const OwnFormatConfig& config = CONFIGS[in.choice(sizeof(CONFIGS) / sizeof(CONFIGS[0]))];
-        frameDuration = config.frameDuration;
-        framesPerPacket = config.packetDuration / config.frameDuration;
-        own = boost::make_shared<ombrel::SonraReceiverNode>(ioService(), frameDuration, 16000);
-        own->setPacketDuration(config.packetDuration);
-        if (config.delays[0])
-            own->setDelays(config.delays[0], config.delays[1], config.delays[2], config.delays[3]);
-    }
-    const boost::shared_ptr<ombrel::SonraNode> node = rtp ? boost::shared_ptr<ombrel::SonraNode>(other) : own;
-    auto pipe = boost::make_shared<ombrel::SonraPipe>(frameDuration);
+    Target t = makeTarget(in);
+    const boost::shared_ptr<ombrel::SonraNode> node = t.rtp ? boost::shared_ptr<ombrel::SonraNode>(t.other) : t.own;
+    auto pipe = boost::make_shared<ombrel::SonraPipe>(t.frameDuration);
     pipe->addNode(node);
-
-    std::map<std::vector<char>, unsigned> unplayed; // payload -> times received and not yet played
-    unsigned nextSeqNum = 1, phase = 0, payloadType = 8;
     for (unsigned step = 0; step < 4096 && !in.done(); ++step) {
         const unsigned op = in.choice(OP_COUNT);
         switch (op) {
         case DATAGRAM:
-        case PACKET: {
-            const Frame datagram = op == DATAGRAM ? in.block(rtp)
-                                   : rtp          ? rtpPacket(in, nextSeqNum, rtpSpan)
-                                                  : ownPacket(in, nextSeqNum);
-            const std::size_t header = rtp ? 12 : ombrel::SonraPacket::HEADER_SIZE; // bytes
-            const bool playable = datagram->size() >= header &&
-                                  (!rtp || (datagram->size() - header <= SonraRtpReceiverNode::MAX_PAYLOAD_SIZE &&
-                                            (uint8_t((*datagram)[1]) & 0x7f) == payloadType));
-            if (playable)
-                ++unplayed[std::vector<char>(datagram->begin() + header, datagram->end())];
-            rtp ? other->dataReceived(datagram) : own->dataReceived(datagram);
+        case PACKET:
+            receive(t, in, op == PACKET);
             break;
-        }
         case FRAME:
             pipe->processFrame();
             if (const Frame out = node->outputData()) {
-                FUZZ_CHECK(phase == 0 && unplayed[*out] > 0);
-                --unplayed[*out];
+                FUZZ_CHECK(t.phase == 0 && t.unplayed[*out] > 0);
+                --t.unplayed[*out];
             }
-            phase = (phase + 1) % framesPerPacket;
+            t.phase = (t.phase + 1) % t.framesPerPacket;
             break;
         case RESET:
-            pipe->reset(rtp ? 0 : in.byte());
-            phase = 0;
+            pipe->reset(t.rtp ? 0 : in.byte());
+            t.phase = 0;
             break;
         case SWITCH_ONE:
-            if (rtp)
-                other->setPayloadType(payloadType = in.choice(2) ? 8 : in.byte() & 0x7f);
+            if (t.rtp)
+                t.other->setPayloadType(t.payloadType = in.choice(2) ? 8 : in.byte() & 0x7f);
             else
-                own->setRecovery(in.byte() & 1);
+                t.own->setRecovery(in.byte() & 1);
             break;
         case SWITCH_TWO:
-            if (rtp)
-                other->setLossConcealment(in.byte() & 1);
+            if (t.rtp)
+                t.other->setLossConcealment(in.byte() & 1);
             else
-                own->setPlayoutPolicy(in.byte() & 1 ? ombrel::SonraJbuf::PLAYOUT_ADAPTIVE
-                                                    : ombrel::SonraJbuf::PLAYOUT_FIXED);
+                t.own->setPlayoutPolicy(in.byte() & 1 ? ombrel::SonraJbuf::PLAYOUT_ADAPTIVE
+                                                      : ombrel::SonraJbuf::PLAYOUT_FIXED);
             break;
         }
     }

@@ -4,7 +4,7 @@
 
 #include "sonrauniversaldev.h"
 #include "testutil.h"
-#include "../tools/sonrasoundfile_p.h"
+#include "sonrasoundfile.h"
 
 #include <sndfile.h>
 

@@ -1,15 +1,15 @@
-// tools/sonra-call end to end, shortened: the summary's figures against the
-// network model itself and against what the parties said.
+// sonra-call's engine end to end, shortened: the call's records against
+// the network model itself and against what the parties said; the tool's
+// command line for its errors.
 #include "deviceutil.h"
+#include "sonracallrun.h"
 #include "sonranetsim.h"
 
 #include <gtest/gtest.h>
 
 #include <fstream>
-#include <map>
-#include <regex>
-#include <sstream>
 #include <algorithm>
+#include <functional>
 #include <string>
 
 namespace {
@@ -25,41 +25,16 @@ sonratest::Command run(const std::string& command) { return sonratest::shell(com
 // someone else's, scores at or below 0 dB.
 const double HEARD_MATCHES_SAID_DB = 5.0;
 
-struct LegFigures {
-    unsigned sent = 0, lost = 0, late = 0, played = 0;
-    double snr = 0;
-};
-
-// By (to, from) party numbers, from the summary's "from party" lines.
-std::map<std::pair<unsigned, unsigned>, LegFigures> legsOf(const std::string& summary)
-{
-    std::map<std::pair<unsigned, unsigned>, LegFigures> legs;
-    const std::regex party("^party (\\d+) "), leg("^  from party (\\d+): sent (\\d+), lost (\\d+), late (\\d+), "
-                                                  "played (\\d+);.* heard vs said (\\S+)");
-    std::istringstream lines(summary);
-    unsigned to = 0;
-    std::smatch m;
-    for (std::string line; std::getline(lines, line);) {
-        if (std::regex_search(line, m, party))
-            to = unsigned(std::stoul(m[1]));
-        else if (std::regex_search(line, m, leg))
-            legs[{to, unsigned(std::stoul(m[1]))}] = {unsigned(std::stoul(m[2])), unsigned(std::stoul(m[3])),
-                                                      unsigned(std::stoul(m[4])), unsigned(std::stoul(m[5])),
-                                                      m[6] == "exact" ? 1e9 : std::stod(m[6])};
-    }
-    return legs;
-}
-
 class Call : public ::testing::Test {
 protected:
-    void SetUp() override
+    // A 2 s call of `parties` into `out`, its options set by `adjust`.
+    sonracall::CallRecord call(const std::function<void(sonracall::CallOptions&)>& adjust)
     {
-        if (!std::ifstream(TOOL).good())
-            GTEST_SKIP() << "sonra-call is not built (tools off)";
-    }
-    sonratest::Command call(const std::string& options)
-    {
-        return run(TOOL + " --seconds 2 --out " + out + " " + options);
+        sonracall::CallOptions options;
+        options.seconds = 2;
+        options.outDir = out;
+        adjust(options);
+        return sonracall::runCall(options);
     }
     const std::string out = sonratest::tempPath("call");
 };
@@ -68,16 +43,15 @@ protected:
 
 TEST_F(Call, WithoutLossEveryPacketIsPlayedAndHeardAsSaid)
 {
-    const sonratest::Command result = call("");
-    ASSERT_EQ(0, result.exitCode) << result.output;
-    EXPECT_EQ(std::string::npos, result.output.find('\r')); // no progress line off a terminal
-    const auto legs = legsOf(result.output);
-    ASSERT_EQ(2u, legs.size()) << result.output;
-    for (const auto& leg : legs) {
-        EXPECT_EQ(100u, leg.second.sent); // 2 s of 20 ms packets
-        EXPECT_EQ(0u, leg.second.lost + leg.second.late);
-        EXPECT_EQ(leg.second.sent, leg.second.played);
-        EXPECT_GT(leg.second.snr, HEARD_MATCHES_SAID_DB) << result.output;
+    const sonracall::CallRecord result = call([](sonracall::CallOptions&) {});
+    ASSERT_EQ(2u, result.parties.size());
+    for (const auto& party : result.parties) {
+        ASSERT_EQ(1u, party.legs.size());
+        const sonracall::LegRecord& leg = party.legs[0];
+        EXPECT_EQ(100u, leg.sent); // 2 s of 20 ms packets
+        EXPECT_EQ(0u, leg.lost + leg.late);
+        EXPECT_EQ(leg.sent, leg.played);
+        EXPECT_GT(leg.snrDb, HEARD_MATCHES_SAID_DB);
     }
     for (const std::string party : {"1", "2"}) {
         const sonratest::WavContents heard = sonratest::readWav(out + "/party-" + party + ".wav");
@@ -86,6 +60,7 @@ TEST_F(Call, WithoutLossEveryPacketIsPlayedAndHeardAsSaid)
         EXPECT_GT(heard.samples.size(), 32000u); // the talk and the jitter buffer's drain
     }
     EXPECT_EQ("vorbis\n", run("soxi -t " + out + "/call.ogg").output); // the call, recorded
+    sonracall::plotReport(result.reportData, 2, out + "/call-report.png");
     std::ifstream picture(out + "/call-report.png");
     std::string magic(8, '\0');
     picture.read(&magic[0], 8);
@@ -94,20 +69,25 @@ TEST_F(Call, WithoutLossEveryPacketIsPlayedAndHeardAsSaid)
 
 TEST_F(Call, LossesCountedAreTheLossesTheNetworkModelMade)
 {
-    const sonratest::Command result = call("--parties 3 --loss 10 --seed 7 --no-report");
-    ASSERT_EQ(0, result.exitCode) << result.output;
-    const auto legs = legsOf(result.output);
-    ASSERT_EQ(6u, legs.size()) << result.output;
+    const sonracall::CallRecord result = call([](sonracall::CallOptions& options) {
+        options.parties = 3;
+        options.net.network.lossRate = 0.1;
+        options.net.network.seed = 7;
+        options.report = false;
+    });
+    ASSERT_EQ(3u, result.parties.size());
     unsigned legIndex = 0, total = 0;
-    for (unsigned from = 1; from <= 3; ++from)
-        for (unsigned to = 1; to <= 3; ++to) {
+    for (unsigned from = 0; from < 3; ++from)
+        for (unsigned to = 0; to < 3; ++to) {
             if (from == to)
                 continue;
             sonranetsim::NetworkModel model;
             model.seed = 7 + legIndex++;
             model.lossRate = 0.1;
             sonranetsim::Network network(model);
-            const LegFigures& leg = legs.at({to, from});
+            const std::vector<sonracall::LegRecord>& legs = result.parties[to].legs;
+            const sonracall::LegRecord& leg = legs[from < to ? from : from - 1]; // by peer, in party order
+            ASSERT_EQ(from, leg.from);
             unsigned lost = 0;
             for (unsigned seq = 1; seq <= leg.sent; ++seq)
                 lost += network.arrivals(seq, 20 * (seq - 1)).empty();
@@ -128,23 +108,29 @@ TEST_F(Call, BadOptionsAndFilesGiveOneLineAndAnExitCode)
         {"--input /nonexistent.wav", 1, "cannot read /nonexistent.wav"},
         {"--out /proc/sonra-call", 1, "cannot create /proc/sonra-call"},
     };
+    if (!std::ifstream(TOOL).good())
+        GTEST_SKIP() << "sonra-call is not built (tools off)";
     for (const auto& c : cases) {
         const sonratest::Command result = run(TOOL + " --seconds 1 --out " + out + " " + c.options);
         EXPECT_EQ(c.exitCode, result.exitCode) << c.options;
         EXPECT_EQ(0u, result.output.find("sonra-call: " + c.message)) << result.output;
         EXPECT_EQ(1, std::count(result.output.begin(), result.output.end(), '\n')) << result.output;
     }
+    const sonratest::Command quiet = run(TOOL + " --seconds 2 --no-report --out " + out);
+    EXPECT_EQ(std::string::npos, quiet.output.find('\r')); // no progress line off a terminal
 }
 
 TEST_F(Call, OverRtpLoopbackSocketsEveryPacketArrives)
 {
-    const sonratest::Command result = call("--rtp --no-report");
-    ASSERT_EQ(0, result.exitCode) << result.output;
-    const std::regex leg("from party \\d over RTP: sent (\\d+) datagrams, received (\\d+)");
-    unsigned legs = 0;
-    for (std::sregex_iterator m(result.output.begin(), result.output.end(), leg), end; m != end; ++m, ++legs) {
-        EXPECT_EQ("100", (*m)[1].str());
-        EXPECT_EQ((*m)[1].str(), (*m)[2].str());
+    const sonracall::CallRecord result = call([](sonracall::CallOptions& options) {
+        options.rtp = true;
+        options.report = false;
+    });
+    ASSERT_EQ(2u, result.parties.size());
+    for (const auto& party : result.parties) {
+        ASSERT_EQ(1u, party.legs.size());
+        EXPECT_TRUE(party.legs[0].rtp);
+        EXPECT_EQ(100u, party.legs[0].rtpSent);
+        EXPECT_EQ(party.legs[0].rtpSent, party.legs[0].rtpReceived);
     }
-    EXPECT_EQ(2u, legs) << result.output;
 }

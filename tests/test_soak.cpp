@@ -1,16 +1,16 @@
 // A shortened soak of a three-party call (sonra-soak call runs the hour):
 // Opus in the own packet format over lossy, jittery links, every mixer
 // fed every frame and memory flat after the first simulated seconds.
-#include "../tools/sonrasoak_p.h"
+#include "sonrasoak.h"
 
 #include <gtest/gtest.h>
 
 TEST(Soak, ThreePartyCallKeepsMemoryFlatAndNeverMissesAMixerFrame)
 {
-    sonrasoak::CallConfig config;
+    sonrasoak::SoakCallConfig config;
     config.frames = 2000;      // 40 s of call
     config.warmupFrames = 500;
-    const sonrasoak::CallResult r = sonrasoak::runCall(config);
+    const sonrasoak::SoakCallResult r = sonrasoak::runSoakCall(config);
     EXPECT_EQ(0u, r.missedMixerFrames);
 #ifndef __SANITIZE_ADDRESS__ // AddressSanitizer holds freed memory back; it finds leaks itself
     EXPECT_TRUE(sonrasoak::residentFlat(r.residentAfterWarmupKb, r.residentPeakKb))

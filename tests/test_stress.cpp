@@ -2,7 +2,7 @@
 // Thread stress, shortened (sonra-soak devices and graphs run it longer):
 // device containers started and stopped while their devices call back, and
 // call graphs on several threads giving what they give one by one.
-#include "../tools/sonrasoak_p.h"
+#include "sonrasoak.h"
 
 #include <gtest/gtest.h>
 

@@ -3,6 +3,7 @@
 #include "sonrapacket.h"
 #include "sonrareceivernode.h"
 #include "sonrasendernode.h"
+#include "sonranetsimmodel.h"
 #include "testutil.h"
 
 #include <chrono>
@@ -10,7 +11,6 @@
 #include <cmath>
 #include <map>
 #include <numeric>
-#include <random>
 
 using namespace ombrel;
 using namespace sonratest;
@@ -418,14 +418,13 @@ namespace {
 Seqs playThroughSpike(JbufRig& rig)
 {
     rig.jbuf.setDelays(60, 20, 200, 300);
-    std::mt19937 random(7);
-    std::uniform_real_distribution<double> uniform(1e-9, 1);
+    sonranetsim::Random random(7); // the network model's own generator: the same draws on every library
     std::multimap<double, unsigned> inFlight;
     Seqs played;
     for (unsigned n = 1; n <= 1500; ++n) {
         const double sent = 20.0 * n, spike = sent < 4000 ? 0 : std::max(0.0, 4300 - sent);
-        const double arrival = sent + 20 + 30 / std::sqrt(uniform(random)) - 30 + spike;
-        if (random() % 50 != 0)
+        const double arrival = sent + 20 + 30 / std::sqrt(random.uniformOpen()) - 30 + spike;
+        if (random.next() % 50 != 0)
             inFlight.emplace(arrival, n);
         for (rig.now = 20 * n; !inFlight.empty() && inFlight.begin()->first <= rig.now; inFlight.erase(inFlight.begin()))
             rig.put(inFlight.begin()->second);
@@ -449,9 +448,9 @@ TEST(Jbuf, AdaptivePlayoutFollowsASpikeWithoutRepeatingAndFixedIsTheDefault)
     const SonraJbufStatistics f = fixed.jbuf.statistics(), a = adaptive.jbuf.statistics();
     EXPECT_EQ(0u, f.switchesDeeper + f.switchesShallower + f.framesHeld + f.framesSkipped);
     EXPECT_EQ(3u, f.playedDepth);
-    EXPECT_EQ((Counts{59, 24}), (Counts{f.framesTooOld, a.framesTooOld}));
-    // Climbs 3 -> 5 at 1.4 s and 5 -> 6 at 2.5 s, holding 3 frames; comes down at 12.7 s and 25.3 s, skipping 2.
-    EXPECT_EQ((Counts{2, 2, 3, 2, 4}), (Counts{a.switchesDeeper, a.switchesShallower, a.framesHeld, a.framesSkipped,
+    EXPECT_EQ((Counts{81, 23}), (Counts{f.framesTooOld, a.framesTooOld}));
+    // Climbs 3 -> 5 at 2.5 s, comes down to 4 at 17.9 s skipping 1, climbs 4 -> 6 at 20.5 s; holds 2 frames.
+    EXPECT_EQ((Counts{3, 1, 2, 1, 6}), (Counts{a.switchesDeeper, a.switchesShallower, a.framesHeld, a.framesSkipped,
                                                a.playedDepth}));
     EXPECT_EQ(frames.size(), a.framesPlayed);
     EXPECT_EQ(1500u, a.framesPlayed + a.framesHeld + a.underruns); // every get: played, held or dry

@@ -6,6 +6,7 @@
 
 #include "shared.h"
 #include "sonrabase.h"
+#include "sonrasignal.h"
 #include "sonradevnode.h"
 
 #include <gtest/gtest.h>
@@ -176,32 +177,7 @@ inline Samples noise(std::size_t count, unsigned seed, int amplitude = 20000)
     return samples;
 }
 
-// Voiced speech-like: a 110-190 Hz gliding fundamental, harmonics up to 3.4 kHz
-// (or 0.4 x the rate) shaped by three formants, a 4 Hz envelope; peaks at 12000.
-inline Samples speechLike(unsigned sampleRate, std::size_t count)
-{
-    const double topFrequency = std::min(3400.0, 0.4 * sampleRate); // Hz
-    std::vector<double> signal(count);
-    double phase = 0, peak = 0; // radians of the fundamental; largest magnitude
-    for (std::size_t i = 0; i < count; ++i) {
-        const double t = double(i) / sampleRate; // s
-        const double f0 = 150.0 + 40.0 * std::sin(2 * M_PI * 1.3 * t);
-        phase += 2 * M_PI * f0 / sampleRate;
-        double value = 0;
-        for (int k = 1; k * f0 < topFrequency; ++k) {
-            double weight = 0.15;
-            for (double formant : {600.0, 1400.0, 2600.0})
-                weight += std::exp(-std::pow((k * f0 - formant) / 250.0, 2));
-            value += weight / std::sqrt(double(k)) * std::sin(k * phase);
-        }
-        signal[i] = value * (0.25 + 0.75 * std::pow(std::sin(M_PI * 4.0 * t), 2));
-        peak = std::max(peak, std::fabs(signal[i]));
-    }
-    Samples samples(count);
-    for (std::size_t i = 0; i < count; ++i)
-        samples[i] = static_cast<int16_t>(std::lround(12000.0 * signal[i] / peak));
-    return samples;
-}
+using sonratool::speechLike; // the one speech-like signal, the tools' and the benchmarks' too
 
 // Amplitude of one frequency in the signal (Goertzel).
 inline double toneAmplitude(const Samples& samples, double frequency, unsigned sampleRate)

@@ -9,7 +9,7 @@
 // Without a sound card, the virtual devices turn a sound file into a WAV of
 // what was played:
 //   sonra-monitor --capture virtual:in.wav --playback virtual:out.wav --seconds 2
-#include "sonratooloptions_p.h"
+#include "sonraoptions.h"
 #include "sonradevnode.h"
 #include "sonramixernode.h"
 #include "sonravolumenode.h"
@@ -126,48 +126,29 @@ std::string shown(const std::string& name)
     return name.empty() ? std::string("the default device") : "\"" + name + "\"";
 }
 
-int monitor(const Options& options)
+// Capture, volume, mixer and playback on the container's devices.
+void buildLoop(const Options& options, const boost::shared_ptr<boost::asio::io_service>& io,
+               const boost::shared_ptr<SonraPipe>& pipe, SonraDevNodesContainer& container)
 {
-    auto io = boost::make_shared<boost::asio::io_service>();
-    auto pipe = boost::make_shared<SonraPipe>(options.frame);
-    auto container = boost::make_shared<SonraDevNodesContainer>(
-        io, options.frame, SonraDevNodesContainer::DEFAULT_RINGBUF_DURATION, options.rate);
-    if (options.list) {
-        printDevices(*container, SonraDeviceInfo::CAPTURE, "Capture devices");
-        printDevices(*container, SonraDeviceInfo::PLAYBACK, "Playback devices");
-        return 0;
-    }
-
-    container->create(true, false);
-    container->setPipe(pipe);
-    container->setCaptureDevice(options.capture);
-    container->setPlaybackDevice(options.playback);
+    container.create(true, false);
+    container.setPipe(pipe);
+    container.setCaptureDevice(options.capture);
+    container.setPlaybackDevice(options.playback);
     auto volume = boost::make_shared<SonraVolumeNode>(io, options.frame, options.rate);
     auto mixer = boost::make_shared<SonraMixerNode>(io, options.frame, options.rate);
     volume->setVolume(static_cast<float>(options.volume));
-    container->capture()->setOutputChannels(options.channels);
+    container.capture()->setOutputChannels(options.channels);
     volume->setOutputChannels(options.channels);
     mixer->setOutputChannels(options.channels);
-    pipe->connect(container->capture(), volume);
+    pipe->connect(container.capture(), volume);
     pipe->connect(volume, mixer);
-    pipe->connect(mixer, container->playback());
+    pipe->connect(mixer, container.playback());
+}
 
-    std::string message;
-    const int channels = static_cast<int>(options.channels);
-    const int result = container->start(channels, channels, &message);
-    if (result != 0) {
-        std::cerr << "sonra-monitor: cannot start the stream from " << shown(options.capture) << " to "
-                  << shown(options.playback) << ": " << message << " (code " << result << ")\n"
-                  << "sonra-monitor --list shows the devices; \"virtual\" needs no sound card\n";
-        pipe->clear();
-        return 1;
-    }
-    std::cerr << "sonra-monitor: " << shown(options.capture) << " -> " << shown(options.playback) << ", "
-              << options.rate << " Hz, " << options.channels << (options.channels == 1 ? " channel" : " channels")
-              << ", " << options.frame << " ms frames"
-              << (options.seconds > 0 ? ", " + plain(options.seconds) + " s" : std::string(", Ctrl-C ends"))
-              << "\n";
-
+// The pipe on its own timer until the time is up or the process is interrupted.
+void runLoop(const Options& options, const boost::shared_ptr<boost::asio::io_service>& io,
+             const boost::shared_ptr<SonraPipe>& pipe)
+{
     // The graph runs half a frame after the device's blocks, so that the
     // two clocks do not race for the same instant.
     std::this_thread::sleep_for(std::chrono::microseconds(options.frame * 500));
@@ -191,7 +172,36 @@ int monitor(const Options& options)
         });
     }
     io->run();
+}
 
+int monitor(const Options& options)
+{
+    auto io = boost::make_shared<boost::asio::io_service>();
+    auto pipe = boost::make_shared<SonraPipe>(options.frame);
+    auto container = boost::make_shared<SonraDevNodesContainer>(
+        io, options.frame, SonraDevNodesContainer::DEFAULT_RINGBUF_DURATION, options.rate);
+    if (options.list) {
+        printDevices(*container, SonraDeviceInfo::CAPTURE, "Capture devices");
+        printDevices(*container, SonraDeviceInfo::PLAYBACK, "Playback devices");
+        return 0;
+    }
+    buildLoop(options, io, pipe, *container);
+    std::string message;
+    const int channels = static_cast<int>(options.channels);
+    const int result = container->start(channels, channels, &message);
+    if (result != 0) {
+        std::cerr << "sonra-monitor: cannot start the stream from " << shown(options.capture) << " to "
+                  << shown(options.playback) << ": " << message << " (code " << result << ")\n"
+                  << "sonra-monitor --list shows the devices; \"virtual\" needs no sound card\n";
+        pipe->clear();
+        return 1;
+    }
+    std::cerr << "sonra-monitor: " << shown(options.capture) << " -> " << shown(options.playback) << ", "
+              << options.rate << " Hz, " << options.channels << (options.channels == 1 ? " channel" : " channels")
+              << ", " << options.frame << " ms frames"
+              << (options.seconds > 0 ? ", " + plain(options.seconds) + " s" : std::string(", Ctrl-C ends"))
+              << "\n";
+    runLoop(options, io, pipe);
     container->stop(); // closes a virtual playback file
     pipe->clear();
     return 0;

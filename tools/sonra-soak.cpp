@@ -1,7 +1,9 @@
 // sonra-soak: long runs and thread stress of the library, with the figures
 // that judge them. Exits 1 when a check fails.
-#include "sonrasoak_p.h"
-#include "sonratooloptions_p.h"
+#include "sonraoptions.h"
+#include "sonrasoak.h"
+
+#include <unistd.h>
 
 #include <cstdio>
 #include <iostream>
@@ -49,7 +51,7 @@ bool check(bool ok, const std::string& what)
 
 int call(std::map<std::string, std::string> values)
 {
-    sonrasoak::CallConfig config;
+    sonrasoak::SoakCallConfig config;
     for (const auto& option : values) {
         if (option.first == "--minutes")
             config.frames = whole(option.first, option.second, 2, 100000) * 60000 / config.frameDuration;
@@ -64,7 +66,7 @@ int call(std::map<std::string, std::string> values)
         else
             throw UsageError("call: unknown option " + option.first);
     }
-    const sonrasoak::CallResult r = sonrasoak::runCall(config);
+    const sonrasoak::SoakCallResult r = sonrasoak::runSoakCall(config);
     std::cout << config.parties << " parties, " << r.frames << " frames of " << config.frameDuration
               << " ms each (" << r.frames * config.frameDuration / 60000.0 << " simulated minutes)\n"
               << "packets sent " << r.sent << ", datagrams delivered " << r.delivered << ", played " << r.played
@@ -129,6 +131,10 @@ int main(int argc, char** argv)
 {
     try {
         const std::string command = argc > 1 ? argv[1] : "";
+        if (command == "--help" || command == "-h") {
+            std::cout << USAGE;
+            return 0;
+        }
         if (command == "call")
             return call(options(argc, argv));
         if (command == "devices")

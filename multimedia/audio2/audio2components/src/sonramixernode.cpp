@@ -18,7 +18,7 @@ struct SonraMixerNode_p {
 
 namespace {
 
-const limiter::Levels MIXER_LEVELS = {28672, -28672};
+const limiter::Levels MIXER_LEVELS = {SonraMixerNode::LIMIT_LEVEL, -SonraMixerNode::LIMIT_LEVEL};
 
 struct MixerInput {
     const int16_t* samples;

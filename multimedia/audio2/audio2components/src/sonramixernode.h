@@ -11,6 +11,10 @@ struct SonraMixerNode_p;
 // into one frame, behind a soft limiter that recovers on timer ticks.
 class SonraMixerNode : public SonraNode {
 public:
+    // A summed sample at or beyond +/- this level is limited: the limiter's
+    // gain drops so that it comes out at 0.9 of the level.
+    static constexpr int32_t LIMIT_LEVEL = 28672;
+
     SonraMixerNode(boost::shared_ptr<boost::asio::io_service> ioService, unsigned frameDuration, unsigned sampleRate);
     ~SonraMixerNode() override;
 

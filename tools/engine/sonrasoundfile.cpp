@@ -1,20 +1,14 @@
-// Sound files for the tools: any file libsndfile reads, mixed to mono and
-// resampled to the rate a path runs at; 16-bit WAV out.
-#ifndef SONRA_SOUNDFILE_P_H
-#define SONRA_SOUNDFILE_P_H
+#include "sonrasoundfile.h"
 
 #include <sndfile.h>
 #include <speex/speex_resampler.h>
 
 #include <algorithm>
-#include <cstdint>
 #include <stdexcept>
-#include <string>
-#include <vector>
 
 namespace sonratool {
 
-inline std::vector<int16_t> readMono(const std::string& path, unsigned rate)
+std::vector<int16_t> readMono(const std::string& path, unsigned rate)
 {
     SF_INFO info = SF_INFO();
     SNDFILE* file = sf_open(path.c_str(), SFM_READ, &info);
@@ -53,8 +47,7 @@ inline std::vector<int16_t> readMono(const std::string& path, unsigned rate)
     return out;
 }
 
-inline void writeWav(const std::string& path, const std::vector<int16_t>& samples, unsigned rate,
-                     unsigned channels = 1)
+void writeWav(const std::string& path, const std::vector<int16_t>& samples, unsigned rate, unsigned channels)
 {
     SF_INFO info = SF_INFO();
     info.samplerate = static_cast<int>(rate);
@@ -70,5 +63,3 @@ inline void writeWav(const std::string& path, const std::vector<int16_t>& sample
 }
 
 } // namespace sonratool
-
-#endif

@@ -9,8 +9,6 @@
 
 namespace sonranetsim {
 
-namespace {
-
 double percentile(std::vector<double> values, double fraction)
 {
     if (values.empty())
@@ -28,6 +26,8 @@ double mean(const std::vector<double>& values)
         sum += value;
     return values.empty() ? 0 : sum / values.size();
 }
+
+namespace {
 
 // dB; infinity for an exact match.
 double snrOf(double signal, double noise)

@@ -67,6 +67,11 @@ struct Result {
 // the samples of one graph frame.
 void summarise(const std::vector<int16_t>& input, unsigned sampleRate, std::size_t frameSamples, Result& result);
 
+// The nearest-rank value at `fraction` (0..1) of `values`: the smallest with
+// that share of all at or below it; 0 when there are none.
+double percentile(std::vector<double> values, double fraction);
+double mean(const std::vector<double>& values);
+
 // The packets' fate as a scenario, to replay the run exactly.
 void writeScenario(std::ostream& out, const Result& result);
 // One CSV line per graph frame.

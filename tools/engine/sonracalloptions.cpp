@@ -1,0 +1,150 @@
+#include "sonracall.h"
+#include "sonracallrun.h"
+#include "sonraoptions.h"
+
+namespace sonracall {
+
+namespace {
+
+using sonratool::UsageError;
+using sonratool::number;
+using sonratool::whole;
+
+unsigned partyOf(const std::string& option, const std::string& text, unsigned parties)
+{
+    return whole(option, text, 1, parties) - 1;
+}
+
+std::pair<unsigned, std::string> partyAndValue(const std::string& option, const std::string& value,
+                                               unsigned parties)
+{
+    const std::string::size_type colon = value.find(':');
+    if (colon == std::string::npos)
+        throw UsageError(option + " wants PARTY:VALUE, not \"" + value + "\"");
+    return {partyOf(option, value.substr(0, colon), parties), value.substr(colon + 1)};
+}
+
+ombrel::SonraVoiceChangeNode::Voice voiceOf(const std::string& name)
+{
+    using V = ombrel::SonraVoiceChangeNode;
+    if (name == "lower")
+        return V::LOWER;
+    if (name == "lowest")
+        return V::LOWEST;
+    if (name == "higher")
+        return V::HIGHER;
+    if (name == "highest")
+        return V::HIGHEST;
+    throw UsageError("--voice: expected lower, lowest, higher or highest, not \"" + name + "\"");
+}
+
+// The call runs 20 ms frames: every delay a multiple of that.
+void parseDelays(const std::string& value, sonranetsim::JitterBufferSettings& jitterBuffer)
+{
+    unsigned (&delays)[4] = jitterBuffer.delays;
+    sonratool::parseDelays("--delays", value, delays);
+    for (unsigned delay : delays)
+        if (delay % FRAME_MS != 0)
+            throw UsageError("--delays: every delay must be a multiple of 20 ms");
+    if (!(delays[2] >= delays[0] && delays[0] >= delays[1] && delays[1] > 0))
+        throw UsageError("--delays: need maximum >= initial >= minimum > 0");
+    jitterBuffer.setDelays = true;
+}
+
+bool networkOption(const std::string& option, const std::string& value, CallOptions& options)
+{
+    sonranetsim::JitterBufferSettings& jitterBuffer = options.net.jitterBuffer;
+    if (sonratool::commonNetworkOption(option, value, options.net.network))
+        return true;
+    if (option == "--scenario")
+        options.scenarioFile = value;
+    else if (option == "--delays")
+        parseDelays(value, jitterBuffer);
+    else if (option == "--recovery")
+        jitterBuffer.recovery = !sonratool::eitherOr(option, value, "on", "off");
+    else if (option == "--policy")
+        jitterBuffer.adaptive = sonratool::eitherOr(option, value, "fixed", "adaptive");
+    else
+        return false;
+    return true;
+}
+
+bool callOption(const std::string& option, const std::string& value, CallOptions& options)
+{
+    if (option == "--parties")
+        options.parties = whole(option, value, 2, 16);
+    else if (option == "--input")
+        options.inputs.push_back(value);
+    else if (option == "--seconds")
+        options.seconds = number(option, value, 0.1, 86400);
+    else if (option == "--hold")
+        options.hold = value;
+    else if (option == "--out")
+        options.outDir = value;
+    else if (option == "--capture")
+        options.capture = value;
+    else if (option == "--playback")
+        options.playback = value;
+    else if (option == "--voice" || option == "--reverb" || option == "--haas")
+        options.effects.emplace_back(option, value);
+    else
+        return false;
+    return true;
+}
+
+} // namespace
+
+void applyEffects(const CallOptions& options, std::vector<PartyConfig>& parties)
+{
+    for (const auto& effect : options.effects) {
+        const std::string& option = effect.first;
+        if (option == "--reverb") {
+            parties[partyOf(option, effect.second, options.parties)].reverb = true;
+            continue;
+        }
+        const auto target = partyAndValue(option, effect.second, options.parties);
+        if (option == "--voice") {
+            parties[target.first].changeVoice = true;
+            parties[target.first].voice = voiceOf(target.second);
+        } else {
+            parties[target.first].haasMs = whole(option, target.second, 1, 100);
+        }
+    }
+}
+
+CallOptions parseCallOptions(int argc, char** argv)
+{
+    CallOptions options;
+    for (int i = 1; i < argc; ++i) {
+        const std::string option = argv[i];
+        if (option == "--help" || option == "-h") {
+            options.help = true;
+            return options;
+        }
+        if (option == "--rtp") {
+            options.rtp = true;
+            continue;
+        }
+        if (option == "--quiet" || option == "--no-report" || option == "--realtime") {
+            (option == "--quiet" ? options.quiet : option == "--realtime" ? options.realTime : options.report) =
+                option != "--no-report";
+            continue;
+        }
+        if (i + 1 >= argc)
+            throw UsageError(option + " wants a value");
+        const std::string value = argv[++i];
+        if (!callOption(option, value, options) && !networkOption(option, value, options))
+            throw UsageError("unknown option \"" + option + "\"");
+    }
+    if (options.inputs.size() > options.parties)
+        throw UsageError("more --input files than --parties");
+    if (!options.realTime && !(options.capture.empty() && options.playback.empty()))
+        throw UsageError("--capture and --playback need --realtime");
+    sonranetsim::NetworkModel& model = options.net.network;
+    model.jitterKind = model.jitter > 0 ? sonranetsim::JitterKind::Normal : sonranetsim::JitterKind::None;
+    std::vector<PartyConfig> check(options.parties);
+    applyEffects(options, check); // usage errors now, before any work
+    return options;
+}
+
+} // namespace sonracall

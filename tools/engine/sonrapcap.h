@@ -1,0 +1,49 @@
+// UDP datagrams in pcap captures: written as raw IP packets (IPv4 or IPv6,
+// with checksums), read back from the link types that captures of calls
+// come in (Ethernet with VLAN tags, Linux cooked v1 and v2, BSD loopback,
+// raw IP). IP fragments and non-UDP traffic are skipped.
+#ifndef SONRA_PCAP_H
+#define SONRA_PCAP_H
+
+#include <boost/asio/ip/udp.hpp>
+#include <pcap/pcap.h>
+
+#include <string>
+#include <vector>
+
+namespace sonratool {
+
+typedef std::vector<unsigned char> Bytes;
+
+struct Datagram {
+    double arrival = 0; // s since the epoch, as captured
+    Bytes payload;      // the UDP payload
+};
+
+// Records datagrams sent from one endpoint to another.
+class PcapWriter {
+public:
+    explicit PcapWriter(const std::string& path);
+    ~PcapWriter();
+    PcapWriter(const PcapWriter&) = delete;
+    PcapWriter& operator=(const PcapWriter&) = delete;
+
+    // `when`: s since the epoch.
+    void write(const boost::asio::ip::udp::endpoint& from, const boost::asio::ip::udp::endpoint& to,
+               const char* payload, std::size_t size, double when);
+
+private:
+    pcap_t* m_pcap;
+    pcap_dumper_t* m_dumper = nullptr;
+    unsigned m_identification = 0; // of the next IPv4 packet
+};
+
+// The UDP payload of an IP packet, or false.
+bool udpPayload(const unsigned char* ip, std::size_t size, Bytes& payload);
+
+// Every UDP payload of a capture, in capture order.
+std::vector<Datagram> readUdpCapture(const std::string& path);
+
+} // namespace sonratool
+
+#endif
