@@ -1,14 +1,19 @@
-// RTP packet layout, sender numbering and SSRC, receiver filtering and loss behaviour, node by node through a pipe.
+// RTP packet layout, sender numbering and SSRC, receiver filtering and loss behaviour, node by node through a pipe;
+// the decoded receiver with real packet durations, real codecs, comfort noise, events and one source under a flood.
 #include "testutil.h"
+#include "g711.h"
 #include "shared.h"
+#include "sonraopusencnode.h"
 #include "sonrartppacket.h"
 #include "sonrartpreceivernode.h"
 #include "sonrartpsendernode.h"
 
 #include <gtest/gtest.h>
+#include <opus.h>
 
 #include <cstdlib>
 #include <ctime>
+#include <map>
 
 using namespace ombrel;
 using sonratest::Bytes;
@@ -172,4 +177,97 @@ TEST(RtpReceiver, OneLostPacketCostsTwentyFramesUnlessConcealed)
         }
         EXPECT_EQ(c.delivered, delivered) << c.concealment;
     }
+}
+
+namespace {
+
+Bytes rtp(unsigned pt, unsigned seq, unsigned ts, unsigned ssrc, const Bytes& payload)
+{
+    Bytes packet = sonratest::concat(header(seq, ts, ssrc), payload);
+    packet[1] = static_cast<unsigned char>(pt);
+    return packet;
+}
+
+// Datagrams by the graph frame they arrive in.
+typedef std::multimap<unsigned, Bytes> Arrivals;
+
+// G.711 packets of the given durations (ms, cycling), each arriving in the frame of its last sample.
+Arrivals packetise(const Bytes& codes, const std::vector<unsigned>& durations, unsigned pt)
+{
+    Arrivals arrivals;
+    for (unsigned first = 0, seq = 0, count; first < codes.size(); first += count, ++seq) {
+        count = std::min<unsigned>(8 * durations[seq % durations.size()], unsigned(codes.size()) - first);
+        arrivals.emplace((first + count - 1) / 160, rtp(pt, seq, first, 7, sonratest::slice(codes, first, count)));
+    }
+    return arrivals;
+}
+
+// A decoding receiver in a 20 ms graph; the output frames from the first on, and how many were empty after it.
+struct DecodingRig : sonratest::NodeGraph<SonraRtpReceiverNode> {
+    explicit DecodingRig(unsigned rate = 8000) : NodeGraph(20, rate) { node->setDecodedOutput(true); }
+    std::vector<sonratest::Samples> play(const Arrivals& arrivals, unsigned frames)
+    {
+        std::vector<sonratest::Samples> out;
+        for (unsigned f = 0; f < frames; ++f) {
+            for (auto at = arrivals.lower_bound(f); at != arrivals.upper_bound(f); ++at)
+                node->dataReceived(bytesFrame(at->second));
+            const Frame frame = step();
+            gaps += !frame && !out.empty();
+            if (frame || !out.empty())
+                out.push_back(sonratest::samplesOf(frame));
+        }
+        return out;
+    }
+    unsigned gaps = 0;
+};
+
+sonratest::Samples joined(const std::vector<sonratest::Samples>& frames)
+{
+    sonratest::Samples all;
+    for (const auto& frame : frames)
+        all = sonratest::concat(all, frame);
+    return all;
+}
+
+// What a piece of code writes to the standard error stream (SpeexDSP warns there).
+struct StderrCapture {
+    StderrCapture() : file(std::tmpfile()), saved(dup(2)) { std::fflush(stderr), dup2(fileno(file), 2); }
+    std::string text()
+    {
+        std::fflush(stderr), dup2(saved, 2), close(saved);
+        std::string all(static_cast<std::size_t>(std::ftell(file)), '\0');
+        std::rewind(file);
+        all.resize(std::fread(&all[0], 1, all.size(), file));
+        std::fclose(file);
+        return all;
+    }
+    FILE* file;
+    int saved;
+};
+
+} // namespace
+
+TEST(RtpReceiverDecoded, PlaysEveryPacketDurationWholeAndInOrder)
+{
+    const sonratest::Samples speech = sonratest::speechLike(8000, 16000);
+    Bytes alaw, ulaw;
+    for (int16_t sample : speech)
+        alaw.push_back(linear2alaw(sample)), ulaw.push_back(linear2ulaw(sample));
+    sonratest::Samples fromAlaw, fromUlaw;
+    for (std::size_t i = 0; i < speech.size(); ++i)
+        fromAlaw.push_back(alaw2linear(alaw[i])), fromUlaw.push_back(ulaw2linear(ulaw[i]));
+    // 175 ms: the 1400-byte packets that fill an Ethernet MTU; the last: a duration changing mid-call
+    const std::vector<std::vector<unsigned> > durations = {{5}, {10}, {20}, {30}, {40}, {60}, {175}, {10, 20, 10, 5, 30}};
+    for (const auto& duration : durations)
+        for (bool mu : {false, true}) {
+            DecodingRig rig;
+            StderrCapture errors;
+            const auto out = rig.play(packetise(mu ? ulaw : alaw, duration, mu ? 0 : 8), 125);
+            EXPECT_EQ("", errors.text());
+            EXPECT_EQ(0u, rig.gaps) << duration[0];
+            const sonratest::Samples played = joined(out);
+            ASSERT_GE(played.size(), speech.size()) << duration[0];
+            EXPECT_EQ(mu ? fromUlaw : fromAlaw, sonratest::slice(played, 0, speech.size())) << duration[0] << " mu " << mu;
+            EXPECT_EQ(0u, rig.node->statistics().packetsLate);
+        }
 }
