@@ -271,3 +271,97 @@ TEST(RtpReceiverDecoded, PlaysEveryPacketDurationWholeAndInOrder)
             EXPECT_EQ(0u, rig.node->statistics().packetsLate);
         }
 }
+
+TEST(RtpReceiverDecoded, OpusFromTheSenderMatchesLibopusAndALostPacketComesBackFromFec)
+{
+    for (unsigned rate : {48000u, 16000u}) {
+        const unsigned n = rate / 50; // samples per frame
+        sonratest::NodeGraph<SonraOpusEncNode> encoding(boost::make_shared<SonraOpusEncNode>(sonratest::ioService(), 20, rate));
+        encoding.node->setInbandFec(10);
+        const auto sender = boost::make_shared<SonraRtpSenderNode>(sonratest::ioService(), 20, rate);
+        sender->setWirePayloadType(107);
+        sender->setClockRate(48000);
+        std::vector<Bytes> sent;
+        sender->setSendHandler([&sent](Frame packet) { sent.push_back(bytesOf(packet)); });
+        encoding.pipe->connect(encoding.node, sender);
+        const sonratest::Samples speech = sonratest::speechLike(rate, 50 * n);
+        for (unsigned f = 0; f < 50; ++f)
+            encoding.run(sonratest::slice(speech, f * n, n));
+        ASSERT_EQ(50u, sent.size());
+        EXPECT_EQ(107, sent[1][1]);
+        EXPECT_EQ(960u, SonraRtpPacket(bytesFrame(sent[1])).timeStamp());
+
+        Arrivals arrivals;
+        for (unsigned k = 0; k < 50; ++k)
+            if (k != 20)
+                arrivals.emplace(k, sent[k]);
+        DecodingRig rig(rate);
+        rig.node->mapPayloadType(107, SonraRtpReceiverNode::CODEC_OPUS);
+        const sonratest::Samples played = joined(rig.play(arrivals, 56));
+
+        int error = 0;
+        OpusDecoder* decoder = opus_decoder_create(static_cast<opus_int32>(rate), 1, &error);
+        sonratest::Samples reference(50 * n);
+        for (unsigned k = 0; k < 50; ++k) {
+            const Bytes& packet = sent[k == 20 ? 21 : k];
+            EXPECT_EQ(int(n), opus_decode(decoder, packet.data() + 12, static_cast<opus_int32>(packet.size() - 12),
+                                          &reference[k * n], static_cast<int>(n), k == 20));
+        }
+        opus_decoder_destroy(decoder);
+        EXPECT_EQ(reference, sonratest::slice(played, 0, reference.size())) << rate;
+        EXPECT_EQ(1u, rig.node->statistics().packetsLost);
+    }
+}
+
+TEST(RtpReceiverDecoded, LockedOntoOneSourceItPlaysThroughAFlood)
+{
+    const unsigned frames = 550; // 11 s
+    const sonratest::Samples speech = sonratest::speechLike(8000, frames * 160);
+    Bytes alaw;
+    sonratest::Samples reference;
+    for (int16_t sample : speech)
+        alaw.push_back(linear2alaw(sample)), reference.push_back(alaw2linear(alaw.back()));
+    Arrivals arrivals;
+    std::mt19937 random(19);
+    for (unsigned i = 0; i < 50000; ++i) { // half RTP-looking, payload type 8, random numbers; half anything
+        Bytes junk(12 + random() % 160);
+        std::generate(junk.begin(), junk.end(), [&random] { return static_cast<unsigned char>(random()); });
+        if (i % 2 == 0)
+            junk[0] = 0x80, junk[1] = 8;
+        arrivals.emplace(i * frames / 50000, junk);
+    }
+    const Arrivals stream = packetise(alaw, {20}, 8);
+    arrivals.insert(stream.begin(), stream.end());
+    DecodingRig rig;
+    rig.node->setSourceLock(true);
+    const std::vector<sonratest::Samples> out = rig.play(arrivals, frames + 5);
+    unsigned whole = 0;
+    for (unsigned k = 0; k < frames && k < out.size(); ++k)
+        whole += out[k] == sonratest::slice(reference, k * 160, 160);
+    EXPECT_GE(whole, frames * 99 / 100);
+    EXPECT_GT(rig.node->statistics().refusedOtherSource, 20000u);
+}
+
+TEST(RtpReceiverDecoded, ComfortNoiseAtItsLevelEventsAsDigitsRefusalsByReason)
+{
+    DecodingRig rig;
+    rig.node->mapPayloadType(101, SonraRtpReceiverNode::CODEC_TELEPHONE_EVENT);
+    Arrivals arrivals;
+    for (unsigned k = 0; k < 10; ++k)
+        arrivals.emplace(k, rtp(8, k, 160 * k, 7, Bytes(160, 0xd5)));
+    arrivals.emplace(10, rtp(13, 10, 1600, 7, {30})); // -30 dBov
+    arrivals.emplace(11, rtp(101, 11, 1760, 7, {5, 0x0a, 0, 160}));
+    for (unsigned seq : {12, 13}) // the end of the event, repeated
+        arrivals.emplace(12, rtp(101, seq, 1760, 7, {5, 0x8a, 1, 64}));
+    arrivals.emplace(14, rtp(101, 14, 2400, 7, {11, 0x8a, 0, 160}));
+    arrivals.emplace(15, rtp(96, 15, 2560, 7, {1}));
+    arrivals.emplace(15, sonratest::concat(Bytes{0x40}, rtp(8, 15, 2560, 7, {1})));
+    const std::vector<sonratest::Samples> out = rig.play(arrivals, 60);
+    const sonratest::Samples noise = joined(std::vector<sonratest::Samples>(out.begin() + 12, out.begin() + 50));
+    EXPECT_NEAR(32767 * std::pow(10, -1.5), sonratest::rms(noise), 30);
+    EXPECT_EQ("5#", rig.node->digits());
+    const SonraRtpReceiverNode::Statistics stats = rig.node->statistics();
+    EXPECT_EQ((std::vector<uint64_t>{4, 0, 1, 1, 11, 0}), (std::vector<uint64_t>{stats.eventPackets, stats.packetsLate,
+              stats.refusedUnmapped, stats.refusedMalformed, stats.packetsPlayed, stats.concealedMs}));
+    EXPECT_EQ(96, stats.lastUnmappedPayloadType);
+}

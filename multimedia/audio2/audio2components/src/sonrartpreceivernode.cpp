@@ -88,6 +88,7 @@ struct SonraRtpReceiverNode_p {
     uint32_t m_seqHighest = 0;        // highest extended sequence number
     uint64_t m_seqReceived = 0;       // packets of the source counted for loss
 
+
     SonraRtpReceiverNode::Statistics m_stats;
 };
 
@@ -565,25 +566,42 @@ void SonraRtpReceiverNode::dataReceived(boost::shared_ptr<std::vector<char> > da
         d->m_stats.lastUnmappedPayloadType = static_cast<int>(payloadType);
         return;
     }
-    if (d->m_sourceLockOn) {
-        const SonraRtpSourceLock::Verdict verdict = d->m_sourceLock.check(
-            packet.ssrc(), static_cast<uint16_t>(packet.seqNum()), d->m_now, SOURCE_QUIET_TIME, SOURCE_TAKEOVER_PACKETS);
-        if (verdict == SonraRtpSourceLock::REFUSE) {
-            ++d->m_stats.refusedOtherSource;
-            return;
-        }
-        if (verdict == SonraRtpSourceLock::TAKE_OVER) {
-            ++d->m_stats.sourceChanges;
-            restartStream(*d);
-            restartSequence(*d);
-        }
+    if (d->m_sourceLockOn && !passesSourceLock(packet))
+        return;
+    acceptPacket(packet, codec);
+}
+
+bool SonraRtpReceiverNode::passesSourceLock(const SonraRtpPacket& packet)
+{
+    SonraRtpSourceLock::Datagram previous;
+    const SonraRtpSourceLock::Verdict verdict =
+        d->m_sourceLock.check(packet.ssrc(), static_cast<uint16_t>(packet.seqNum()), packet.m_data, d->m_now,
+                              SOURCE_QUIET_TIME, SOURCE_TAKEOVER_PACKETS, previous);
+    if (verdict == SonraRtpSourceLock::ACCEPT)
+        return true;
+    if (verdict == SonraRtpSourceLock::REFUSE) {
+        ++d->m_stats.refusedOtherSource;
+        return false;
     }
+    d->m_stats.sourceChanges += verdict == SonraRtpSourceLock::TAKE_OVER;
+    restartStream(*d);
+    restartSequence(*d);
+    if (previous) { // refused a moment ago, it belongs to the new source
+        --d->m_stats.refusedOtherSource;
+        const SonraRtpPacket held(previous);
+        acceptPacket(held, d->m_codecs[held.payloadType()]);
+    }
+    return true;
+}
+
+void SonraRtpReceiverNode::acceptPacket(const SonraRtpPacket& packet, int codec)
+{
     countSequence(*d, static_cast<uint16_t>(packet.seqNum()));
     if (d->m_decodedOutput) {
-        putDecodable(*d, *this, packet, codec);
+        putDecodable(*d, *this, packet, static_cast<Codec>(codec));
         return;
     }
-    const std::size_t length = data->size() - SonraRtpPacket::HEADER_SIZE; // bytes
+    const std::size_t length = packet.m_data->size() - SonraRtpPacket::HEADER_SIZE; // bytes
     if (length > SonraRtpReceiverNode_p::m_inDataSize) {
         ++d->m_stats.refusedMalformed;
         return;

@@ -8,6 +8,7 @@
 
 namespace ombrel {
 
+class SonraRtpPacket;
 struct SonraRtpReceiverNode_p;
 
 // Start of an incoming RTP path: stores the payload of every received
@@ -128,6 +129,9 @@ public:
     boost::shared_ptr<std::vector<char> > doProcess() override;
 
 private:
+    bool passesSourceLock(const SonraRtpPacket& packet);
+    void acceptPacket(const SonraRtpPacket& packet, int codec);
+
     boost::scoped_ptr<SonraRtpReceiverNode_p> d;
 };
 
