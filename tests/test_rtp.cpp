@@ -10,6 +10,7 @@
 
 #include <gtest/gtest.h>
 #include <opus.h>
+#include <pcap/pcap.h>
 
 #include <cstdlib>
 #include <ctime>
@@ -364,4 +365,73 @@ TEST(RtpReceiverDecoded, ComfortNoiseAtItsLevelEventsAsDigitsRefusalsByReason)
     EXPECT_EQ((std::vector<uint64_t>{4, 0, 1, 1, 11, 0}), (std::vector<uint64_t>{stats.eventPackets, stats.packetsLate,
               stats.refusedUnmapped, stats.refusedMalformed, stats.packetsPlayed, stats.concealedMs}));
     EXPECT_EQ(96, stats.lastUnmappedPayloadType);
+}
+
+namespace {
+
+// The UDP payloads sent to one port, by the 20 ms frame of their arrival (Ethernet or Linux cooked captures, IPv4).
+Arrivals capturedDatagrams(const std::string& file, unsigned port)
+{
+    char error[PCAP_ERRBUF_SIZE];
+    pcap_t* capture = pcap_open_offline(file.c_str(), error);
+    Arrivals arrivals;
+    if (!capture)
+        return arrivals;
+    const std::size_t link = pcap_datalink(capture) == DLT_LINUX_SLL ? 16 : 14; // bytes before the IP header
+    pcap_pkthdr* header;
+    const u_char* bytes;
+    double first = -1;
+    while (pcap_next_ex(capture, &header, &bytes) == 1) {
+        const std::size_t udp = link + 4 * (bytes[link] & 0x0f);
+        if (header->caplen < udp + 8 || bytes[link - 2] != 8 || bytes[link - 1] != 0 || bytes[link + 9] != 17 ||
+            (bytes[udp + 2] << 8 | bytes[udp + 3]) != int(port))
+            continue;
+        const double at = header->ts.tv_sec + header->ts.tv_usec / 1e6; // s
+        first = first < 0 ? at : first;
+        arrivals.emplace(unsigned((at - first) * 50), Bytes(bytes + udp + 8, bytes + header->caplen));
+    }
+    pcap_close(capture);
+    return arrivals;
+}
+
+} // namespace
+
+TEST(RtpReceiverDecoded, RealCapturesPlayEveryReceivedPacketOnceInOrder)
+{
+    const struct { const char* file; unsigned port, audio, events; } cases[] = { // payload types
+        {"sipp_g711a.pcap", 2006, 8, 0}, {"asterisk_40msalaw.pcap", 18390, 8, 0},
+        {"ndpi_FAX-Call-t38-CA-TDM-SIP-FB-1.pcap", 15580, 8, 100}, {"asterisk_CARRIER_G711U.pcap", 13030, 0, 0},
+        {"asterisk_ulaw-2013785496.pcap", 10866, 0, 101}, {"asterisk_opus_fec_dropped.pcapng", 16596, 107, 0}};
+    for (const auto& c : cases) {
+        const Arrivals arrivals = capturedDatagrams(SONRA_SOURCE_DIR "/../shared/realworld/captures/" + std::string(c.file), c.port);
+        ASSERT_FALSE(arrivals.empty()) << c.file;
+        const bool opus = c.audio == 107;
+        DecodingRig rig(opus ? 48000 : 8000);
+        rig.node->setSourceLock(true);
+        rig.node->mapPayloadType(107, SonraRtpReceiverNode::CODEC_OPUS);
+        if (c.events)
+            rig.node->mapPayloadType(c.events, SonraRtpReceiverNode::CODEC_TELEPHONE_EVENT);
+        StderrCapture errors;
+        const sonratest::Samples played = joined(rig.play(arrivals, arrivals.rbegin()->first + 50));
+        EXPECT_EQ("", errors.text()) << c.file;
+        const SonraRtpReceiverNode::Statistics stats = rig.node->statistics();
+        EXPECT_EQ(0u, stats.packetsLate + stats.refusedUnmapped + stats.refusedMalformed) << c.file;
+        std::map<unsigned, Bytes> audio; // G.711 payloads of the stream by sequence number, unwrapped
+        for (const auto& at : arrivals)
+            if (at.second[1] % 128 == c.audio && !opus)
+                audio[(at.second[2] << 8 | at.second[3]) + (audio.size() > 100 && (at.second[2] << 8) < 0x4000 ? 65536 : 0)] =
+                    Bytes(at.second.begin() + 12, at.second.end());
+        std::size_t matched = 0, position = 0;
+        for (const auto& packet : audio) {
+            sonratest::Samples samples;
+            for (unsigned char code : packet.second)
+                samples.push_back(c.audio == 0 ? ulaw2linear(code) : alaw2linear(code));
+            const auto found = std::search(played.begin() + long(position), played.end(), samples.begin(), samples.end());
+            matched += found != played.end();
+            position = found != played.end() ? std::size_t(found - played.begin()) + samples.size() : position;
+        }
+        EXPECT_GE(matched * 100, audio.size() * 99) << c.file << " " << matched << " of " << audio.size();
+        EXPECT_LE(stats.insertedMs, 100u) << c.file;
+        EXPECT_GE(stats.packetsPlayed * 100, stats.packetsReceived * 99) << c.file;
+    }
 }

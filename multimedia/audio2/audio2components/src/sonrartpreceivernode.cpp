@@ -38,6 +38,7 @@ const unsigned TIMESTAMP_JUMP = 1000;       // ms off the play position at which
 struct Slot {
     bool missing = false;
     bool inserted = false;  // the jitter buffer's own insertion, not a loss
+    bool paused = false;    // nothing later had come: the stream paused or ended
     Codec codec = SonraRtpReceiverNode::CODEC_NONE;
     uint32_t span = 0;      // RTP clock units
     uint32_t skip = 0;      // leading RTP units already played (an overlapping packet)
@@ -191,7 +192,7 @@ void fillGap(SonraRtpReceiverNode_p& d, const SonraNode& node, const Slot& gap, 
         addMs(d.m_stats.comfortNoiseMs, count, rate);
         return;
     }
-    addMs(gap.inserted ? d.m_stats.insertedMs : d.m_stats.concealedMs, count, rate);
+    addMs(gap.inserted ? d.m_stats.insertedMs : gap.paused ? d.m_stats.pausedMs : d.m_stats.concealedMs, count, rate);
     const bool fecNext = next && !next->missing && next->codec == SonraRtpReceiverNode::CODEC_OPUS;
     if (d.m_fill == FILL_OPUS && d.m_opus && fecNext && !gap.inserted) {
         appendOpus(d, rate, &next->payload, true, count, 0);
@@ -261,6 +262,9 @@ bool fetchSlot(SonraRtpReceiverNode_p& d, uint32_t desired)
         slot.missing = true;
         slot.inserted = result == JITTER_BUFFER_INSERTION;
         slot.span = packet.span;
+        spx_int32_t buffered = 0; // packets
+        jitter_buffer_ctl(d.m_jitterBuffer, JITTER_BUFFER_GET_AVAILABLE_COUNT, &buffered);
+        slot.paused = buffered == 0;
     } else {
         return false;
     }
