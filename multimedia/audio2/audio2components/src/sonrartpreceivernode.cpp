@@ -147,13 +147,14 @@ void appendNoise(SonraRtpReceiverNode_p& d, uint32_t count)
     }
 }
 
-void appendDecodedG711(SonraRtpReceiverNode_p& d, const Slot& slot)
+void appendDecodedG711(SonraRtpReceiverNode_p& d, Codec codec, const char* payload, std::size_t length, uint32_t skip)
 {
-    const bool alaw = slot.codec == SonraRtpReceiverNode::CODEC_PCMA;
-    for (std::size_t i = slot.skip; i < slot.payload.size(); ++i) {
-        const uint8_t code = static_cast<uint8_t>(slot.payload[i]);
-        d.m_pcm.push_back(alaw ? alaw2linear(code) : ulaw2linear(code));
-    }
+    const bool alaw = codec == SonraRtpReceiverNode::CODEC_PCMA;
+    const std::size_t first = d.m_pcm.size();
+    d.m_pcm.resize(first + (length > skip ? length - skip : 0));
+    int16_t* out = d.m_pcm.data() + first;
+    for (std::size_t i = skip; i < length; ++i)
+        *out++ = alaw ? alaw2linear(static_cast<uint8_t>(payload[i])) : ulaw2linear(static_cast<uint8_t>(payload[i]));
 }
 
 // `count` samples from libopus: the packet decoded, its FEC data (the
@@ -211,7 +212,7 @@ void decodeSlot(SonraRtpReceiverNode_p& d, const SonraNode& node, const Slot& sl
     switch (slot.codec) {
     case SonraRtpReceiverNode::CODEC_PCMA:
     case SonraRtpReceiverNode::CODEC_PCMU:
-        appendDecodedG711(d, slot);
+        appendDecodedG711(d, slot.codec, slot.payload.data(), slot.payload.size(), slot.skip);
         d.m_fill = FILL_SILENCE;
         break;
     case SonraRtpReceiverNode::CODEC_OPUS:
@@ -257,6 +258,15 @@ bool fetchSlot(SonraRtpReceiverNode_p& d, uint32_t desired)
         slot.codec = static_cast<Codec>(packet.user_data);
         slot.span = packet.span;
         slot.skip = startOffset < 0 ? static_cast<uint32_t>(-startOffset) : 0;
+        const bool g711 = slot.codec == SonraRtpReceiverNode::CODEC_PCMA || slot.codec == SonraRtpReceiverNode::CODEC_PCMU;
+        if (g711 && d.m_slots.empty()) { // nothing waits before it: decoded straight away, no copy
+            appendDecodedG711(d, slot.codec, d.m_inData, packet.len, slot.skip);
+            ++d.m_stats.packetsPlayed;
+            d.m_fill = FILL_SILENCE;
+            d.m_playedTo = packet.timestamp + packet.span;
+            d.m_playedValid = true;
+            return true;
+        }
         slot.payload.assign(d.m_inData, d.m_inData + packet.len);
     } else if ((result == JITTER_BUFFER_MISSING || result == JITTER_BUFFER_INSERTION) && packet.span > 0) {
         slot.missing = true;
