@@ -31,6 +31,7 @@ const unsigned OPUS_MAX_DURATION = 120;     // ms, the longest Opus packet
 const unsigned OPUS_GRANULE = 400;          // per second: concealment comes in 2.5 ms steps
 const unsigned EVENT_PAYLOAD_SIZE = 4;      // bytes of one RFC 4733 event
 const unsigned CN_FULL_SCALE = 32767;       // 0 dBov, in sample units
+const unsigned MAX_GETS_TO_SETTLE = 4;      // extra gets in one frame for a packet shorter than asked for
 const unsigned TIMESTAMP_JUMP = 1000;       // ms off the play position at which a packet restarts the stream
 
 // One stretch of the stream as the jitter buffer hands it out: a packet, or
@@ -72,6 +73,7 @@ struct SonraRtpReceiverNode_p {
     uint32_t m_longestSpan = 0;       // RTP units, of the longest packet since the stream (re)started
     bool m_playedValid = false;
     uint32_t m_playedTo = 0;          // RTP timestamp up to which the jitter buffer has handed out audio
+    int64_t m_lastExcess = 0;         // RTP units the last get handed out beyond what it was asked for
     std::deque<Slot> m_slots;         // handed out, not yet decoded
     std::vector<int16_t> m_pcm;       // decoded, not yet output (samples at the node's rate)
     opus::DecoderPtr m_opus;          // created with the first Opus packet
@@ -164,6 +166,8 @@ void appendOpus(SonraRtpReceiverNode_p& d, unsigned rate, const std::vector<char
 {
     const uint32_t granule = rate / OPUS_GRANULE;
     const uint32_t asked = packet && !fec ? rate * OPUS_MAX_DURATION / 1000 : (count + granule - 1) / granule * granule;
+    if (asked == 0)
+        return;
     std::vector<int16_t> decoded(asked);
     const unsigned char* data = packet ? opus::bytesOf(*packet) : nullptr;
     const opus_int32 length = packet ? static_cast<opus_int32>(packet->size()) : 0;
@@ -247,6 +251,11 @@ bool fetchSlot(SonraRtpReceiverNode_p& d, uint32_t desired)
     packet.len = SonraRtpReceiverNode_p::m_inDataSize;
     spx_int32_t startOffset = 0;
     const int result = jitter_buffer_get(d.m_jitterBuffer, &packet, static_cast<spx_int32_t>(desired), &startOffset);
+    // What the jitter buffer itself takes for handed out beyond the ask
+    // (a gap before the packet counts, an overlap does not).
+    d.m_lastExcess = result == JITTER_BUFFER_OK          ? int64_t(packet.span) - desired + startOffset
+                     : result == JITTER_BUFFER_INSERTION ? int64_t(packet.span) - desired
+                                                         : 0;
     Slot slot;
     if (result == JITTER_BUFFER_OK) {
         if (startOffset > 0) { // nothing came for the stretch before this packet
@@ -486,11 +495,17 @@ boost::shared_ptr<std::vector<char> > decodedFrame(SonraRtpReceiverNode_p& d, co
     const unsigned rate = node.sampleRate();
     const uint32_t needed = frameSpan(node);                               // samples
     const uint32_t lookahead = d.m_fill == FILL_OPUS ? needed : 0;          // samples held for FEC
+    d.m_lastExcess = 0;
     while (d.m_pcm.size() + toSamples(pendingSpan(d), d.m_clockRate, rate) < needed + lookahead) {
         const uint64_t short_ = needed + lookahead - d.m_pcm.size() - toSamples(pendingSpan(d), d.m_clockRate, rate);
         if (!fetchSlot(d, toUnits(short_, d.m_clockRate, rate)))
             break;
     }
+    // The jitter buffer takes a frame that ends inside what it handed out
+    // for a sign of broken code: ask for the rest before the tick.
+    for (unsigned i = 0; i < MAX_GETS_TO_SETTLE && d.m_lastExcess < 0; ++i)
+        if (!fetchSlot(d, static_cast<uint32_t>(-d.m_lastExcess)))
+            break;
     decodeSlots(d, node, needed);
     if (d.m_pcm.empty())
         return boost::shared_ptr<std::vector<char> >();
