@@ -38,7 +38,7 @@ public:
         CODEC_TELEPHONE_EVENT  // RFC 4733 events (digits), on the audio's clock
     };
 
-    // Counts since construction, in every mode. Packets are counted once,
+    // Counts since construction, in every mode. A refused packet is counted
     // under the first reason that applies, in the order of the fields.
     struct Statistics {
         uint64_t refusedMalformed = 0;   // under 12 bytes; decoded output: not version 2, lengths that do
@@ -63,7 +63,7 @@ public:
         int lastUnmappedPayloadType = -1;
     };
 
-    // Decoded output: how long the locked source must be quiet, ms, and how
+    // Source lock: how long the locked source must be quiet, ms, and how
     // many packets numbered one after the other a new SSRC must send before
     // it takes over.
     static unsigned SOURCE_QUIET_TIME;
@@ -88,33 +88,42 @@ public:
     // on with the next packet.
     void setLossConcealment(bool on);
 
-    // Off by default. On, the node outputs PCM instead of payloads: every
-    // mapped packet is put into the jitter buffer with its real duration
-    // (from the G.711 payload size or the Opus packet's frames, counted on
-    // the codec's RTP clock), decoded at the node's sample rate (G.711 needs
-    // 8000 Hz, Opus takes 8, 12, 16, 24 or 48 kHz), and exactly one graph
-    // frame of mono PCM (frameSize() bytes) comes out per graph frame from
-    // the first packet on, whatever the packets' durations and however they
-    // change. A lost packet is rebuilt from the next Opus packet's in-band
-    // FEC data when it is there, else concealed by libopus (up to
-    // MAX_CONCEALMENT), and is silence for G.711. Comfort noise plays as
+    // Off by default; set it before the first datagram. On, the node
+    // outputs PCM instead of payloads: every mapped packet is put into the
+    // jitter buffer with its real duration (from the G.711 payload size or
+    // the Opus packet's frames, counted on the codec's RTP clock), decoded
+    // at the node's sample rate (G.711 needs 8000 Hz, Opus takes 8, 12, 16,
+    // 24 or 48 kHz), and exactly one graph frame of mono PCM (frameSize()
+    // bytes) comes out per graph frame once the stream has started (after
+    // MIN_START_DELAY), whatever the packets' durations and however they
+    // change: every packet that comes in time is played once, in order.
+    // The jitter buffer's delay grows (an insertion) when a packet would
+    // otherwise come too late, and never shrinks by skipping audio.
+    // A lost packet is rebuilt from the next Opus packet's in-band FEC data
+    // when that is there, else concealed by libopus (up to
+    // MAX_CONCEALMENT, then silence), and is silence for G.711; a pause
+    // with nothing buffered is filled the same way. Comfort noise plays as
     // white noise at the level it carries until audio comes back.
     // Telephone events are counted and kept as digits, never played. For
     // Opus the output lags by one more graph frame, so that the packet
     // after a loss is there for its FEC data. Frames are empty before the
-    // first packet and while the jitter buffer resynchronises after a long
-    // silence. setPayloadType() has no effect in this mode: mapPayloadType()
-    // says which types are taken.
+    // start, and again from when the jitter buffer resynchronises (a packet
+    // after twenty fruitless fetches, or a timestamp more than a second off
+    // the play position) until the stream has started anew.
+    // setPayloadType() has no effect in this mode: mapPayloadType() says
+    // which types are taken.
     void setDecodedOutput(bool on);
     // Decoded output: what `payloadType` (0 to 127) carries. Types 0 (PCMU),
     // 8 (PCMA) and 13 (comfort noise) are mapped from the start; dynamic
     // types are the application's to map (for instance 107 to CODEC_OPUS,
     // 101 to CODEC_TELEPHONE_EVENT). CODEC_NONE unmaps.
     void mapPayloadType(unsigned int payloadType, Codec codec);
-    // Off by default. On, only one SSRC at a time is taken: the first one
-    // seen, until it has been quiet for SOURCE_QUIET_TIME and another has
-    // sent SOURCE_TAKEOVER_PACKETS consecutive packets; the jitter buffer
-    // then restarts on the new source. Other sources are refused.
+    // Off by default; works with either output. On, only one SSRC at a
+    // time is taken: the first that sends two packets numbered one after
+    // the other (both are played), until it has been quiet for
+    // SOURCE_QUIET_TIME and another has sent SOURCE_TAKEOVER_PACKETS such
+    // packets; the jitter buffer then restarts on the new source. Other
+    // sources are refused (statistics().refusedOtherSource).
     void setSourceLock(bool on);
 
     Statistics statistics() const;
@@ -123,7 +132,8 @@ public:
     std::string digits() const;
 
     // One received datagram. Short ones (under 12 bytes), other payload
-    // types and payloads over MAX_PAYLOAD_SIZE are ignored.
+    // types and payloads over MAX_PAYLOAD_SIZE are ignored. The buffer is
+    // not kept: the caller may reuse it.
     void dataReceived(boost::shared_ptr<std::vector<char> > data);
 
     // Empties the jitter buffer; the argument is ignored.
