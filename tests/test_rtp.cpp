@@ -314,7 +314,7 @@ TEST(RtpReceiverDecoded, OpusFromTheSenderMatchesLibopusAndALostPacketComesBackF
     }
 }
 
-TEST(RtpReceiverDecoded, LockedOntoOneSourceItPlaysThroughAFlood)
+TEST(RtpReceiverDecoded, LockedOntoOneSourceItPlaysThroughAFloodAndASecondStreamUntilItStops)
 {
     const unsigned frames = 550; // 11 s
     const sonratest::Samples speech = sonratest::speechLike(8000, frames * 160);
@@ -333,14 +333,18 @@ TEST(RtpReceiverDecoded, LockedOntoOneSourceItPlaysThroughAFlood)
     }
     const Arrivals stream = packetise(alaw, {20}, 8);
     arrivals.insert(stream.begin(), stream.end());
+    for (unsigned k = 300; k < frames + 40; ++k) // another source, from 6 s on, that outlasts the first
+        arrivals.emplace(k, rtp(8, k, 160 * k, 9, Bytes(160, 0x2a)));
     DecodingRig rig;
     rig.node->setSourceLock(true);
-    const std::vector<sonratest::Samples> out = rig.play(arrivals, frames + 5);
+    const std::vector<sonratest::Samples> out = rig.play(arrivals, frames + 40);
     unsigned whole = 0;
     for (unsigned k = 0; k < frames && k < out.size(); ++k)
         whole += out[k] == sonratest::slice(reference, k * 160, 160);
     EXPECT_GE(whole, frames * 99 / 100);
     EXPECT_GT(rig.node->statistics().refusedOtherSource, 20000u);
+    EXPECT_EQ(1u, rig.node->statistics().sourceChanges);
+    EXPECT_EQ(sonratest::Samples(160, alaw2linear(0x2a)), out.back());
 }
 
 TEST(RtpReceiverDecoded, ComfortNoiseAtItsLevelEventsAsDigitsRefusalsByReason)
