@@ -403,7 +403,7 @@ Arrivals capturedDatagrams(const std::string& file, unsigned port)
 TEST(RtpReceiverDecoded, RealCapturesPlayEveryReceivedPacketOnceInOrder)
 {
     const struct { const char* file; unsigned port, audio, events; } cases[] = { // payload types
-        {"sipp_g711a.pcap", 2006, 8, 0}, {"asterisk_40msalaw.pcap", 18390, 8, 0},
+        {"sipp_g711a.pcap", 2006, 8, 0}, {"asterisk_40msalaw.pcap", 18390, 8, 0}, {"asterisk_A_party_g711a.pcap", 35886, 8, 0},
         {"ndpi_FAX-Call-t38-CA-TDM-SIP-FB-1.pcap", 15580, 8, 100}, {"asterisk_CARRIER_G711U.pcap", 13030, 0, 0},
         {"asterisk_ulaw-2013785496.pcap", 10866, 0, 101}, {"asterisk_opus_fec_dropped.pcapng", 16596, 107, 0}};
     for (const auto& c : cases) {
