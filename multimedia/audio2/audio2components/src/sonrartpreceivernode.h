@@ -53,10 +53,10 @@ public:
         uint64_t packetsPlayed = 0;      // decoded output: audio and comfort noise packets played
         uint64_t framesOut = 0;          // graph frames with output
         uint64_t framesEmpty = 0;        // graph frames without (before the stream, or while it resynchronises)
-        uint64_t concealedMs = 0;        // decoded output: audio made up for lost packets (Opus
-                                         // FEC or concealment, G.711 silence)
-        uint64_t pausedMs = 0;           // decoded output: filled while nothing was buffered (the
-                                         // stream paused or ended; a late packet shows as late too)
+        uint64_t concealedMs = 0;        // decoded output: audio made up for missing packets while
+                                         // later ones were buffered (Opus FEC or concealment, G.711 silence)
+        uint64_t pausedMs = 0;           // decoded output: the same while nothing was buffered (the
+                                         // stream paused or ended, or a loss longer than the delay)
         uint64_t insertedMs = 0;         // decoded output: silence or concealment the jitter buffer
                                          // inserted to grow its delay
         uint64_t comfortNoiseMs = 0;     // decoded output: comfort noise played
