@@ -1,5 +1,7 @@
 #include "sonrartppacket.h"
 
+#include <algorithm>
+
 namespace ombrel {
 
 namespace {
@@ -64,6 +66,45 @@ unsigned int SonraRtpPacket::ssrc() const
 unsigned int SonraRtpPacket::payloadType() const
 {
     return m_header[1] & 0x7f;
+}
+
+bool SonraRtpPacket::marker() const
+{
+    return (m_header[1] & 0x80) != 0;
+}
+
+void SonraRtpPacket::setPayloadType(unsigned int payloadType)
+{
+    m_header[1] = static_cast<uint8_t>((m_header[1] & 0x80) | (payloadType & 0x7f));
+}
+
+std::size_t SonraRtpPacket::payloadBegin() const
+{
+    std::size_t begin = HEADER_SIZE + 4 * (m_header[0] & 0x0f); // the CSRC list
+    const bool extension = (m_header[0] & 0x10) != 0;
+    if (!extension)
+        return begin;
+    if (begin + 4 > m_data->size())
+        return m_data->size() + 1; // its head is cut: nothing fits
+    return begin + 4 + 4 * bigEndian(m_header + begin + 2, 2); // extension words after its 4-byte head
+}
+
+std::size_t SonraRtpPacket::payloadEnd() const
+{
+    const bool padding = (m_header[0] & 0x20) != 0;
+    const std::size_t size = m_data->size();
+    // The last byte counts the padding, itself included.
+    return padding && size > 0 ? size - std::min<std::size_t>(size, static_cast<uint8_t>(m_data->back())) : size;
+}
+
+bool SonraRtpPacket::isWellFormed() const
+{
+    if (!m_header || (m_header[0] >> 6) != 2)
+        return false;
+    const bool padding = (m_header[0] & 0x20) != 0;
+    if (padding && static_cast<uint8_t>(m_data->back()) == 0)
+        return false;
+    return payloadBegin() <= payloadEnd();
 }
 
 } // namespace ombrel

@@ -3,6 +3,7 @@
 
 #include <boost/shared_ptr.hpp>
 
+#include <cstddef>
 #include <cstdint>
 #include <vector>
 
@@ -31,6 +32,16 @@ public:
     unsigned int seqNum() const; // 0 to 65535
     unsigned int ssrc() const;
     unsigned int payloadType() const; // low 7 bits of byte 1
+    bool marker() const;
+    // Overwrites the payload type (byte 1, low 7 bits); the marker bit stays.
+    void setPayloadType(unsigned int payloadType);
+
+    // Read as RFC 3550 lays the header out, for receivers that honour it:
+    // version 2, and the CSRC list, the header extension and the padding
+    // all inside the buffer. The payload then lies between the two offsets.
+    bool isWellFormed() const;
+    std::size_t payloadBegin() const; // bytes from the start of m_data
+    std::size_t payloadEnd() const;   // bytes from the start of m_data, the padding excluded
 
     boost::shared_ptr<std::vector<char> > m_data;
     uint8_t* m_header;

@@ -15,6 +15,9 @@ struct SonraRtpSenderNode_p {
     boost::function<void (boost::shared_ptr<std::vector<char> >)> m_sendHandler;
     unsigned m_ssrc = 0;
     unsigned m_payloadType = 0; // stored, not written
+    bool m_writesPayloadType = false; // m_wirePayloadType goes on the wire instead of 8
+    unsigned m_wirePayloadType = 8;
+    unsigned m_clockRate = 0; // Hz of the RTP timestamp; 0: the graph's sample rate
 };
 
 namespace {
@@ -67,6 +70,17 @@ void SonraRtpSenderNode::setPayloadType(unsigned int payloadType)
     d->m_payloadType = payloadType;
 }
 
+void SonraRtpSenderNode::setWirePayloadType(unsigned int payloadType)
+{
+    d->m_writesPayloadType = true;
+    d->m_wirePayloadType = payloadType & 0x7f;
+}
+
+void SonraRtpSenderNode::setClockRate(unsigned int clockRate)
+{
+    d->m_clockRate = clockRate;
+}
+
 void SonraRtpSenderNode::setSendHandler(boost::function<void (boost::shared_ptr<std::vector<char> >)> handler)
 {
     d->m_sendHandler = handler;
@@ -79,7 +93,8 @@ void SonraRtpSenderNode::clearSendHandler()
 
 void SonraRtpSenderNode::timerTick()
 {
-    d->m_timeStamp += sampleRate() * frameDuration() / 1000;
+    const unsigned clockRate = d->m_clockRate ? d->m_clockRate : sampleRate(); // Hz
+    d->m_timeStamp += clockRate * frameDuration() / 1000;
 }
 
 void SonraRtpSenderNode::reset(unsigned int offset)
@@ -93,8 +108,10 @@ boost::shared_ptr<std::vector<char> > SonraRtpSenderNode::doProcess()
     if (!input || input->empty())
         return boost::shared_ptr<std::vector<char> >();
     {
-        const SonraRtpPacket packet(input, d->m_seqNum, d->m_timeStamp, d->m_ssrc,
-                                    static_cast<int>(d->m_payloadType));
+        SonraRtpPacket packet(input, d->m_seqNum, d->m_timeStamp, d->m_ssrc,
+                              static_cast<int>(d->m_payloadType));
+        if (d->m_writesPayloadType)
+            packet.setPayloadType(d->m_wirePayloadType);
         if (d->m_sendHandler)
             d->m_sendHandler(packet.m_data);
     }

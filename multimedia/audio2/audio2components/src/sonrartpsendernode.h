@@ -28,6 +28,15 @@ public:
 
     // Stored only: every packet carries payload type 8.
     void setPayloadType(unsigned int payloadType);
+    // Opt-in: every packet from now on carries `payloadType` (0 to 127; for
+    // instance 0 for mu-law, or the dynamic type agreed for Opus). Until it
+    // is called, packets carry 8.
+    void setWirePayloadType(unsigned int payloadType);
+    // Opt-in: the RTP timestamp counts at `clockRate` Hz instead of the
+    // graph's sample rate (Opus is stamped at 48000 Hz whatever it was
+    // encoded at); 0 goes back to the graph's rate. reset() offsets are
+    // then counted at that clock too.
+    void setClockRate(unsigned int clockRate);
     // Runs on the graph thread, inside doProcess(); replace or clear it only
     // from that thread or while the graph is stopped.
     void setSendHandler(boost::function<void (boost::shared_ptr<std::vector<char> >)> handler);
