@@ -1,5 +1,6 @@
 // The whole own-format path end to end through the network simulator:
 // encoder, sender, network, receiver, jitter buffer, decoder, mixer.
+#include "sonraemodel.h"
 #include "sonranetsim.h"
 
 #include "testutil.h"
@@ -115,4 +116,37 @@ TEST(NetSimTool, PlaysAFileThroughALosslessNetworkExactly)
     EXPECT_EQ("16000 1\n", shell("echo $(soxi -r " + dir + "out.wav) $(soxi -c " + dir + "out.wav)").output);
 
     EXPECT_EQ(0, std::system(("rm -rf " + std::string(folder)).c_str()));
+}
+
+// The E-model against worked values: the model's default rating of a
+// perfect path, its delay curve, and G.711's planning values for loss.
+TEST(EModel, MatchesTheModelsWorkedValues)
+{
+    using namespace sonratool;
+    struct Case {
+        double delayMs, lossPercent, burstRatio;
+        CodecImpairment codec;
+        double r, mos;
+    };
+    const Case cases[] = {
+        {0, 0, 1, G711_WITH_CONCEALMENT, 93.2, 4.41},    // no impairment at all
+        {200, 0, 1, G711_WITH_CONCEALMENT, 85.8, 4.22},  // delay alone
+        {400, 0, 1, G711_WITH_CONCEALMENT, 62.2, 3.22},  // past the 177.3 ms knee
+        {0, 2, 1, G711_WITHOUT_CONCEALMENT, 63.0, 3.26}, // Ie,eff = 95 * 2 / (2 + 4.3)
+        {0, 1, 1, G711_WITH_CONCEALMENT, 89.6, 4.33},    // Ie,eff = 95 * 1 / (1 + 25.1)
+        {0, 5, 2, G711_WITH_CONCEALMENT, 76.0, 3.86},    // bursty: Ie,eff = 95 * 5 / (2.5 + 25.1)
+    };
+    for (const Case& c : cases) {
+        EModelInput input;
+        input.mouthToEarMs = c.delayMs;
+        input.lossPercent = c.lossPercent;
+        input.burstRatio = c.burstRatio;
+        input.codec = c.codec;
+        const EModelRating rating = rateCall(input);
+        EXPECT_NEAR(rating.r, c.r, 0.06) << c.delayMs << " ms, " << c.lossPercent << " %";
+        EXPECT_NEAR(rating.mos, c.mos, 0.006) << c.delayMs << " ms, " << c.lossPercent << " %";
+    }
+    // Two runs of two losses in ten packets: mean run 2 against 1 / (1 - 0.4).
+    EXPECT_DOUBLE_EQ(burstRatio({false, true, true, false, false, false, true, true, false, false}), 1.2);
+    EXPECT_DOUBLE_EQ(burstRatio({false, true, false, true, false}), 1.0);
 }
