@@ -10,7 +10,14 @@
 namespace ombrel {
 
 struct SonraReceiverNode_p {
-    SonraReceiverNode_p() : m_packetDuration(0), m_framePhase(0), m_framesPerPacket(0), m_jbuf(60) {}
+    // The jitter buffer starts with a 60 ms period; the constructor sets the
+    // real one (the graph frame) through setPacketDuration() right away.
+    static const unsigned INITIAL_JBUF_PERIOD = 60; // ms
+
+    SonraReceiverNode_p()
+        : m_packetDuration(0), m_framePhase(0), m_framesPerPacket(0), m_jbuf(INITIAL_JBUF_PERIOD)
+    {
+    }
 
     unsigned m_packetDuration;  // ms of audio per packet; the jitter buffer's period
     unsigned m_framePhase;      // graph frames into the current packet period

@@ -524,7 +524,6 @@ SonraRtpReceiverNode::SonraRtpReceiverNode(boost::shared_ptr<boost::asio::io_ser
     : SonraNode(ioService, frameDuration, sampleRate), d(new SonraRtpReceiverNode_p)
 {
     d->m_jitterBuffer = jitter_buffer_init(static_cast<int>(STEP_FRAMES * frameSpan(*this)));
-    d->m_payloadType = 8;
     d->m_codecs[0] = CODEC_PCMU;
     d->m_codecs[8] = CODEC_PCMA;
     d->m_codecs[13] = CODEC_COMFORT_NOISE;
@@ -656,6 +655,9 @@ boost::shared_ptr<std::vector<char> > SonraRtpReceiverNode::doProcess()
     if (d->m_decodedOutput) {
         output = decodedFrame(*d, *this);
     } else {
+        // The answer is not needed: the node plays whatever the buffer hands
+        // out for this tick. The query has no side effect and stays because
+        // the receiver's documented steps make it before every get.
         jitter_buffer_get_pointer_timestamp(d->m_jitterBuffer);
         JitterBufferPacket packet = JitterBufferPacket();
         packet.data = d->m_inData;

@@ -58,7 +58,6 @@ SonraRtpSenderNode::SonraRtpSenderNode(boost::shared_ptr<boost::asio::io_service
     : SonraNode(ioService, frameDuration, sampleRate), d(new SonraRtpSenderNode_p)
 {
     d->m_ssrc = randomSsrc();
-    d->m_payloadType = 0;
     // After the draws: the next node built within this second draws the same.
     std::srand(static_cast<unsigned>(std::time(0)));
 }
