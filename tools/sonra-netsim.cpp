@@ -38,8 +38,10 @@ const char* const USAGE =
     "  --codec opus|pcm       pcm sends the samples themselves, to judge network and buffer alone (opus)\n"
     "  --delays I,MIN,MAX,X   jitter buffer delays, ms: initial, minimum, maximum, extra jitter\n"
     "                         (60,60,60,300); multiples of the frame duration\n"
-    "  --policy fixed|adaptive  fixed plays the initial delay; adaptive the shallowest delay\n"
-    "                         whose recent share of too-old frames stays under 1% (fixed)\n"
+    "  --policy fixed|adaptive|histogram  fixed plays the initial delay; adaptive the shallowest\n"
+    "                         delay whose recent share of too-old frames stays under 1%; histogram\n"
+    "                         as adaptive, also following a long-memory histogram of lateness and\n"
+    "                         recurring delay peaks (fixed)\n"
     "  --recovery on|off      re-anchor on a restarted or re-numbered stream; never let one\n"
     "                         stray datagram move the stream (on)\n"
     "  --plc MS               Opus: conceal up to MS of each gap in the played packets (0: none)\n"
@@ -128,9 +130,10 @@ bool pathOption(const std::string& arg, const std::string& value, Config& config
     } else if (arg == "--delays")
         parseDelays(arg, value, config);
     else if (arg == "--policy") {
-        if (value != "fixed" && value != "adaptive")
-            throw UsageError("--policy: expected fixed or adaptive, got \"" + value + "\"");
+        if (value != "fixed" && value != "adaptive" && value != "histogram")
+            throw UsageError("--policy: expected fixed, adaptive or histogram, got \"" + value + "\"");
         config.adaptivePlayout = value == "adaptive";
+        config.histogramPlayout = value == "histogram";
     } else if (arg == "--recovery") {
         if (value != "on" && value != "off")
             throw UsageError("--recovery: expected on or off, got \"" + value + "\"");
@@ -317,7 +320,7 @@ void printSummary(const Options& options, const sonranetsim::Result& result)
                     model.reorderDelay, model.duplicateRate * 100, model.spikeRate * 100, model.spikeHeight);
     const unsigned* delays = config.delays;
     std::printf("jitter buffer: initial %u, min %u, max %u, extra %u ms, %s playout, recovery %s\n", delays[0],
-                delays[1], delays[2], delays[3], config.adaptivePlayout ? "adaptive" : "fixed",
+                delays[1], delays[2], delays[3], config.histogramPlayout ? "histogram" : config.adaptivePlayout ? "adaptive" : "fixed",
                 config.recovery ? "on" : "off");
     if (config.codec == sonranetsim::Codec::Opus)
         std::printf("decoder: concealment up to %u ms a gap, in-band FEC %s\n", config.concealment,

@@ -80,7 +80,9 @@ Path buildPath(const std::vector<int16_t>& input, const Config& config, std::siz
     if (config.setDelays)
         path.receiver->setDelays(config.delays[0], config.delays[1], config.delays[2], config.delays[3]);
     path.receiver->setRecovery(config.recovery);
-    if (config.adaptivePlayout)
+    if (config.histogramPlayout)
+        path.receiver->setPlayoutPolicy(SonraJbuf::PLAYOUT_HISTOGRAM);
+    else if (config.adaptivePlayout)
         path.receiver->setPlayoutPolicy(SonraJbuf::PLAYOUT_ADAPTIVE);
     path.pipe = boost::make_shared<SonraPipe>(frameDuration);
     connectCodec(config, path);

@@ -39,6 +39,7 @@ struct Config {
     unsigned delays[4] = {60, 60, 60, 300}; // initial, min, max, extra jitter delay, ms
     bool recovery = true;         // SonraJbuf::setRecovery: a stray datagram never silences the receiver
     bool adaptivePlayout = false; // SonraJbuf::PLAYOUT_ADAPTIVE rather than the fixed initial delay
+    bool histogramPlayout = false; // SonraJbuf::PLAYOUT_HISTOGRAM (before adaptivePlayout)
     unsigned concealment = 0;     // ms of a gap the Opus decoder conceals; 0: none
     unsigned fecLoss = 0;         // %, the loss the Opus encoder's in-band FEC is set for; 0: no FEC
     NetworkModel network;
