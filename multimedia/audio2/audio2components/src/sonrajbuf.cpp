@@ -118,7 +118,7 @@ void SonraJbufSimple::advanceHead(unsigned steps)
         m_minSeqNum = m_headSeqNum;
 }
 
-bool SonraJbufSimple::putFrame(boost::shared_ptr<SonraJbufFrame_p> frame)
+bool SonraJbufSimple::putFrame(const boost::shared_ptr<SonraJbufFrame_p>& frame)
 {
     SONRA_DEBUG(LOG_CATEGORY, 0, false) << "Jbuf " << m_jbufPtr->currentTime() << " put frame ";
     ++m_statistics.framesPut;

@@ -80,7 +80,7 @@ public:
     ~SonraJbufSimple();
 
     // True when the frame was refused as too old.
-    bool putFrame(boost::shared_ptr<SonraJbufFrame_p> frame);
+    bool putFrame(const boost::shared_ptr<SonraJbufFrame_p>& frame);
     // The frame due now, or an empty pointer.
     boost::shared_ptr<SonraJbufFrame_p> getFrame();
 
