@@ -123,6 +123,21 @@ BENCHMARK(BM_JbufFiveQueuesAdaptive);
 SONRA_BASELINE(BM_JbufFiveQueuesAdaptive, "jitter buffer put+get, five queues, adaptive playout", BM_BareOpusDecode,
                "opus_decode (16 kHz)");
 
+// The ladder the tools use, 20 to 400 ms in 20 queues, under the adaptive
+// policy and under the histogram policy, with recovery on.
+void runLadder(benchmark::State& state, SonraJbuf::PlayoutPolicy policy)
+{
+    SonraJbuf jbuf(FRAME_DURATION);
+    jbuf.setDelays(60, 20, 400, 300);
+    jbuf.setPlayoutPolicy(policy);
+    jbuf.setRecovery(true);
+    runJbuf(state, jbuf);
+}
+void BM_JbufLadderAdaptive(benchmark::State& state) { runLadder(state, SonraJbuf::PLAYOUT_ADAPTIVE); }
+BENCHMARK(BM_JbufLadderAdaptive);
+void BM_JbufLadderHistogram(benchmark::State& state) { runLadder(state, SonraJbuf::PLAYOUT_HISTOGRAM); }
+BENCHMARK(BM_JbufLadderHistogram);
+
 // The whole receiving node: a datagram in (length check, parse, payload
 // copy, put) and one graph frame out.
 void BM_ReceiverNode(benchmark::State& state)

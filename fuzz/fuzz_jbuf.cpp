@@ -22,7 +22,7 @@ struct Model {
     uint64_t gets = 0, delivered = 0;
     unsigned now = 0;       // ms
     unsigned nextSeqNum = 1;
-    bool adaptive = false;  // the adaptive playout policy: counts add up over several queues
+    bool adaptive = false;  // an adaptive playout policy: counts add up over several queues
 
     void restart() { firstId = puts.size(), gets = delivered = 0; }
 };
@@ -104,12 +104,15 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size)
         case CONFIGURE: configure(jbuf, in), model.restart(); break;
         case RESET: jbuf.reset(), model.restart(); break;
         case RECOVERY: jbuf.setRecovery(in.byte() & 1); break;
-        case POLICY:
-            model.adaptive = in.byte() & 1;
-            jbuf.setPlayoutPolicy(model.adaptive ? ombrel::SonraJbuf::PLAYOUT_ADAPTIVE
-                                                 : ombrel::SonraJbuf::PLAYOUT_FIXED);
+        case POLICY: {
+            const unsigned choice = in.byte();
+            model.adaptive = choice & 1; // the adaptive or the histogram policy
+            jbuf.setPlayoutPolicy(!model.adaptive ? ombrel::SonraJbuf::PLAYOUT_FIXED
+                                  : choice & 2    ? ombrel::SonraJbuf::PLAYOUT_HISTOGRAM
+                                                  : ombrel::SonraJbuf::PLAYOUT_ADAPTIVE);
             model.restart();
             break;
+        }
         }
         checkStatistics(jbuf, model);
     }

@@ -433,6 +433,17 @@ Seqs playThroughSpike(JbufRig& rig)
     return played;
 }
 
+// The frames played, in order, without the gets that delivered nothing.
+Seqs playedThroughSpike(JbufRig& rig, SonraJbuf::PlayoutPolicy policy)
+{
+    rig.jbuf.setPlayoutPolicy(policy);
+    Seqs frames = playThroughSpike(rig);
+    frames.erase(std::remove(frames.begin(), frames.end(), 0u), frames.end());
+    EXPECT_TRUE(std::is_sorted(frames.begin(), frames.end(), std::less_equal<unsigned>())); // no repeat, no reorder
+    EXPECT_EQ(frames.size(), rig.jbuf.statistics().framesPlayed);
+    return frames;
+}
+
 } // namespace
 
 TEST(Jbuf, AdaptivePlayoutFollowsASpikeWithoutRepeatingAndFixedIsTheDefault)
@@ -440,11 +451,8 @@ TEST(Jbuf, AdaptivePlayoutFollowsASpikeWithoutRepeatingAndFixedIsTheDefault)
     JbufRig untouched, fixed, adaptive;
     fixed.jbuf.setPlayoutPolicy(SonraJbuf::PLAYOUT_ADAPTIVE);
     fixed.jbuf.setPlayoutPolicy(SonraJbuf::PLAYOUT_FIXED);
-    adaptive.jbuf.setPlayoutPolicy(SonraJbuf::PLAYOUT_ADAPTIVE);
     EXPECT_EQ(playThroughSpike(untouched), playThroughSpike(fixed));
-    Seqs frames = playThroughSpike(adaptive);
-    frames.erase(std::remove(frames.begin(), frames.end(), 0u), frames.end());
-    EXPECT_TRUE(std::is_sorted(frames.begin(), frames.end(), std::less_equal<unsigned>())); // no repeat, no reorder
+    playedThroughSpike(adaptive, SonraJbuf::PLAYOUT_ADAPTIVE);
     const SonraJbufStatistics f = fixed.jbuf.statistics(), a = adaptive.jbuf.statistics();
     EXPECT_EQ(0u, f.switchesDeeper + f.switchesShallower + f.framesHeld + f.framesSkipped);
     EXPECT_EQ(3u, f.playedDepth);
@@ -452,6 +460,37 @@ TEST(Jbuf, AdaptivePlayoutFollowsASpikeWithoutRepeatingAndFixedIsTheDefault)
     // Climbs 3 -> 5 at 2.5 s, comes down to 4 at 17.9 s skipping 1, climbs 4 -> 6 at 20.5 s; holds 2 frames.
     EXPECT_EQ((Counts{3, 1, 2, 1, 6}), (Counts{a.switchesDeeper, a.switchesShallower, a.framesHeld, a.framesSkipped,
                                                a.playedDepth}));
-    EXPECT_EQ(frames.size(), a.framesPlayed);
     EXPECT_EQ(1500u, a.framesPlayed + a.framesHeld + a.underruns); // every get: played, held or dry
+}
+
+// 60 s of packets every 20 ms over 20 ms of delay; every 8 s, three packets 100 ms apart take 150 ms more.
+SonraJbufStatistics throughRecurringSpikes(SonraJbuf::PlayoutPolicy policy)
+{
+    JbufRig rig;
+    rig.jbuf.setDelays(60, 20, 400, 300);
+    rig.jbuf.setPlayoutPolicy(policy);
+    std::multimap<unsigned, unsigned> inFlight; // arrival (ms), sequence number
+    for (unsigned n = 1; n <= 3000; ++n) {
+        const unsigned sent = 20 * n, sincePeak = sent % 8000;
+        inFlight.emplace(sent + 20 + (sincePeak <= 200 && sincePeak % 100 == 0 ? 150 : 0), n);
+        for (rig.now = sent; !inFlight.empty() && inFlight.begin()->first <= rig.now; inFlight.erase(inFlight.begin()))
+            rig.put(inFlight.begin()->second);
+        rig.get();
+    }
+    return rig.jbuf.statistics();
+}
+
+TEST(Jbuf, HistogramPlayoutHoldsTheDepthOfRecurringSpikesWithoutRepeating)
+{
+    JbufRig tail;
+    playedThroughSpike(tail, SonraJbuf::PLAYOUT_HISTOGRAM);
+    const SonraJbufStatistics t = tail.jbuf.statistics();
+    EXPECT_EQ(1500u, t.framesPlayed + t.framesHeld + t.underruns);
+    const SonraJbufStatistics a = throughRecurringSpikes(SonraJbuf::PLAYOUT_ADAPTIVE),
+                              h = throughRecurringSpikes(SonraJbuf::PLAYOUT_HISTOGRAM);
+    // Both climb to 180 ms at the first burst. The adaptive policy comes down again before each of the seven and
+    // loses frames to every one; the histogram policy holds 180 ms once the bursts recur (after the second).
+    EXPECT_EQ((Counts{16, 6, 7, 2, 9, 9}), (Counts{a.framesTooOld, h.framesTooOld, a.switchesShallower,
+                                                   h.switchesShallower, a.playedDepth, h.playedDepth}));
+    EXPECT_EQ((Counts{22, 4, 2, 6}), (Counts{t.framesTooOld, t.switchesDeeper, t.switchesShallower, t.playedDepth}));
 }

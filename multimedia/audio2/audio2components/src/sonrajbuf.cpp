@@ -118,7 +118,7 @@ void SonraJbufSimple::advanceHead(unsigned steps)
         m_minSeqNum = m_headSeqNum;
 }
 
-bool SonraJbufSimple::putFrame(boost::shared_ptr<SonraJbufFrame_p> frame)
+bool SonraJbufSimple::putFrame(const boost::shared_ptr<SonraJbufFrame_p>& frame)
 {
     SONRA_DEBUG(LOG_CATEGORY, 0, false) << "Jbuf " << m_jbufPtr->currentTime() << " put frame ";
     ++m_statistics.framesPut;
@@ -440,6 +440,10 @@ double SonraJbuf::PLAYOUT_TOO_OLD_TARGET = 0.01;
 unsigned SonraJbuf::PLAYOUT_SHARE_FRAMES = 200;
 unsigned SonraJbuf::PLAYOUT_DESCENT_HOLD_MS = 5000;
 double SonraJbuf::PLAYOUT_DESCENT_FRACTION = 0.25;
+unsigned SonraJbuf::PLAYOUT_HISTOGRAM_FRAMES = 2000;
+double SonraJbuf::PLAYOUT_HISTOGRAM_TAIL = 0.0075;
+unsigned SonraJbuf::PLAYOUT_PEAK_GAP_MS = 1000;
+unsigned SonraJbuf::PLAYOUT_PEAK_PERIOD_MS = 20000;
 
 unsigned SonraJbuf::RECOVERY_RUN_FRAMES = 4;
 unsigned SonraJbuf::RECOVERY_MAX_JUMP_MS = 2000;

@@ -80,7 +80,7 @@ public:
     ~SonraJbufSimple();
 
     // True when the frame was refused as too old.
-    bool putFrame(boost::shared_ptr<SonraJbufFrame_p> frame);
+    bool putFrame(const boost::shared_ptr<SonraJbufFrame_p>& frame);
     // The frame due now, or an empty pointer.
     boost::shared_ptr<SonraJbufFrame_p> getFrame();
 
@@ -171,13 +171,23 @@ public:
     // recent share of too-old frames stays at or under
     // PLAYOUT_TOO_OLD_TARGET, climbing at once and descending slowly,
     // without repeating or reordering a frame. The rules, in full:
-    // sonrajbufpolicy_p.h. Resets: everything buffered is dropped.
-    enum PlayoutPolicy : int32_t { PLAYOUT_FIXED = 0, PLAYOUT_ADAPTIVE = 1 };
+    // sonrajbufpolicy_p.h. PLAYOUT_HISTOGRAM (opt-in): as adaptive, but
+    // the depth also follows a long-memory histogram of how late frames come
+    // (the shallowest depth that a high quantile of them reaches in time)
+    // and a detector of recurring delay peaks, so that heavy-tailed jitter
+    // and delay spikes neither pull it down too early nor catch it short.
+    // Resets: everything buffered is dropped.
+    enum PlayoutPolicy : int32_t { PLAYOUT_FIXED = 0, PLAYOUT_ADAPTIVE = 1, PLAYOUT_HISTOGRAM = 2 };
     void setPlayoutPolicy(PlayoutPolicy policy);
     static double PLAYOUT_TOO_OLD_TARGET;    // share of frames put, 0..1
     static unsigned PLAYOUT_SHARE_FRAMES;    // frames
     static unsigned PLAYOUT_DESCENT_HOLD_MS; // ms
     static double PLAYOUT_DESCENT_FRACTION;  // of the target
+    // PLAYOUT_HISTOGRAM only:
+    static unsigned PLAYOUT_HISTOGRAM_FRAMES; // frames put, the histogram's memory (forgetting factor 1 - 1/this)
+    static double PLAYOUT_HISTOGRAM_TAIL;     // share of frames put, 0..1: the quantile's complement
+    static unsigned PLAYOUT_PEAK_GAP_MS;      // ms without a too-old frame that ends a delay peak
+    static unsigned PLAYOUT_PEAK_PERIOD_MS;   // ms: peaks closer than this recur, and their height is held
 
 private:
     boost::scoped_ptr<SonraJbuf_p> d;

@@ -2,11 +2,16 @@
 
 #include "sonrajbufframe_p.h"
 
+#include <algorithm>
+#include <climits>
 #include <cstdint>
 
 namespace ombrel {
 
 namespace {
+
+// Late frames a delay peak holds at least; fewer are outliers of the jitter.
+const unsigned PEAK_FRAMES = 3;
 
 // into.counter += plus.counter - minus.counter, for every count.
 void combineCounts(SonraJbufStatistics& into, const SonraJbufStatistics& plus, const SonraJbufStatistics& minus)
@@ -30,7 +35,7 @@ void SonraJbufPolicy::restart(const SonraJbufPolicyConfig& config, const std::ve
     m_config = config;
     m_candidates.clear();
     for (std::size_t i = 0; i < queues.size(); ++i)
-        m_candidates.push_back(Candidate{queues[i], depths[i], false, 0.0});
+        m_candidates.push_back(Candidate{queues[i], depths[i], false, 0.0, 0.0});
     m_played = config.m_initialQueue;
     m_getsSinceMove = 0;
     m_deliveredAny = false;
@@ -39,11 +44,23 @@ void SonraJbufPolicy::restart(const SonraJbufPolicyConfig& config, const std::ve
     m_shrinking = false;
     m_earlierPlayed = SonraJbufStatistics();
     m_playedSince = SonraJbufStatistics();
+    m_histogramPuts = 0;
+    m_getsSincePeakFrame = m_getsSincePeak = UINT_MAX;
+    m_seenPeak = false;
+    m_peakHeight = m_lastPeakHeight = m_heldHeight = 0;
+    m_peakFrames = 0;
+    m_peakBase = 0;
+    m_holdGets = 0;
+}
+
+bool SonraJbufPolicy::adaptive() const
+{
+    return m_config.m_policy == SonraJbuf::PLAYOUT_ADAPTIVE || m_config.m_policy == SonraJbuf::PLAYOUT_HISTOGRAM;
 }
 
 bool SonraJbufPolicy::warmsUpQueues() const
 {
-    return m_config.m_policy == SonraJbuf::PLAYOUT_ADAPTIVE;
+    return adaptive();
 }
 
 void SonraJbufPolicy::noteRefused(std::size_t index, bool refused)
@@ -53,8 +70,69 @@ void SonraJbufPolicy::noteRefused(std::size_t index, bool refused)
 
 void SonraJbufPolicy::notePut()
 {
-    if (m_config.m_policy == SonraJbuf::PLAYOUT_ADAPTIVE)
+    if (adaptive())
         updateTooOldShares();
+    if (m_config.m_policy == SonraJbuf::PLAYOUT_HISTOGRAM) {
+        updateHistogram();
+        detectPeak();
+    }
+}
+
+void SonraJbufPolicy::updateHistogram()
+{
+    const unsigned memory = std::max(SonraJbuf::PLAYOUT_HISTOGRAM_FRAMES, 1u); // frames
+    if (m_histogramPuts < memory)
+        ++m_histogramPuts;
+    const double weight = 1.0 / std::max(m_histogramPuts, std::min(SonraJbuf::PLAYOUT_SHARE_FRAMES, memory));
+    const bool noDepthHelps = m_candidates.back().m_refused;
+    for (Candidate& candidate : m_candidates) {
+        const double tooOld = candidate.m_refused && !noDepthHelps ? 1.0 : 0.0;
+        candidate.m_tailShare += (tooOld - candidate.m_tailShare) * weight;
+    }
+}
+
+// The shallowest queue whose long-memory tail is at or under the quantile's complement.
+std::size_t SonraJbufPolicy::histogramTarget() const
+{
+    for (std::size_t i = 0; i < m_candidates.size(); ++i) {
+        if (m_candidates[i].m_tailShare <= SonraJbuf::PLAYOUT_HISTOGRAM_TAIL)
+            return i;
+    }
+    return m_candidates.size() - 1;
+}
+
+void SonraJbufPolicy::detectPeak()
+{
+    if (m_candidates.back().m_refused)
+        return; // no depth could have played it
+    std::size_t height = 0; // the shallowest queue that took the frame
+    while (m_candidates[height].m_refused)
+        ++height;
+    const unsigned frameDuration = m_config.m_frameDuration; // ms
+    const bool inPeak = m_getsSincePeakFrame < SonraJbuf::PLAYOUT_PEAK_GAP_MS / frameDuration;
+    // Late for the queue played when the peak began, so that a climb
+    // within the peak does not split it.
+    if (height <= (inPeak ? m_peakBase : m_played))
+        return;
+    if (!inPeak)
+        m_peakFrames = 0, m_peakHeight = 0, m_peakBase = m_played; // a new peak, or an outlier
+    m_getsSincePeakFrame = 0;
+    ++m_peakFrames;
+    m_peakHeight = std::max(m_peakHeight, height);
+    if (m_peakFrames < PEAK_FRAMES)
+        return;
+    if (m_peakFrames == PEAK_FRAMES) {
+        const bool recurs = m_seenPeak && m_getsSincePeak <= SonraJbuf::PLAYOUT_PEAK_PERIOD_MS / frameDuration;
+        if (recurs) {
+            m_heldHeight = std::max(m_holdGets != 0 ? m_heldHeight : 0, std::min(m_lastPeakHeight, m_peakHeight));
+            m_holdGets = 2 * (SonraJbuf::PLAYOUT_PEAK_PERIOD_MS / frameDuration);
+        }
+        m_seenPeak = true;
+        m_getsSincePeak = 0;
+        m_lastPeakHeight = m_peakHeight;
+        return;
+    }
+    m_lastPeakHeight = m_peakHeight;
 }
 
 void SonraJbufPolicy::updateTooOldShares()
@@ -70,12 +148,57 @@ void SonraJbufPolicy::updateTooOldShares()
 std::size_t SonraJbufPolicy::choose()
 {
     ++m_getsSinceMove;
+    std::size_t next = m_played;
     if (m_config.m_policy == SonraJbuf::PLAYOUT_ADAPTIVE) {
-        const std::size_t next = adaptiveChoice();
-        if (next != m_played)
-            move(next);
+        next = adaptiveChoice();
+    } else if (m_config.m_policy == SonraJbuf::PLAYOUT_HISTOGRAM) {
+        m_getsSincePeakFrame += m_getsSincePeakFrame != UINT_MAX;
+        m_getsSincePeak += m_getsSincePeak != UINT_MAX;
+        m_holdGets -= m_holdGets != 0;
+        next = histogramChoice();
     }
+    if (next != m_played)
+        move(next);
     return m_played;
+}
+
+// The quick climb: once the played queue's short share exceeds the target,
+// the shallowest deeper queue at or under it (the deepest when none is).
+std::size_t SonraJbufPolicy::quickClimb() const
+{
+    const double target = SonraJbuf::PLAYOUT_TOO_OLD_TARGET;
+    const std::size_t current = m_played;
+    if (m_candidates[current].m_tooOldShare <= target)
+        return current;
+    for (std::size_t deeper = current + 1; deeper < m_candidates.size(); ++deeper) {
+        if (m_candidates[deeper].m_tooOldShare <= target)
+            return deeper;
+    }
+    return m_candidates.size() - 1;
+}
+
+std::size_t SonraJbufPolicy::histogramChoice() const
+{
+    const std::size_t current = m_played;
+    const bool holding = m_holdGets != 0;
+    const std::size_t floor = holding ? m_heldHeight : 0;
+    const std::size_t wanted = std::max(std::max(quickClimb(), histogramTarget()), floor);
+    if (wanted > current)
+        return wanted;
+    const unsigned holdGets = SonraJbuf::PLAYOUT_DESCENT_HOLD_MS / m_config.m_frameDuration;
+    if (m_getsSinceMove < holdGets)
+        return current;
+    // The shallowest of the queues below that all meet the histogram's tail
+    // and the short share's margin: one move, however many depths it passes.
+    std::size_t next = current;
+    while (next > floor && next > 0) {
+        const Candidate& shallower = m_candidates[next - 1];
+        if (shallower.m_tailShare > SonraJbuf::PLAYOUT_HISTOGRAM_TAIL ||
+            shallower.m_tooOldShare >= SonraJbuf::PLAYOUT_TOO_OLD_TARGET * SonraJbuf::PLAYOUT_DESCENT_FRACTION)
+            break;
+        --next;
+    }
+    return next;
 }
 
 // Quick climb, slow descent.
@@ -83,13 +206,8 @@ std::size_t SonraJbufPolicy::adaptiveChoice() const
 {
     const double target = SonraJbuf::PLAYOUT_TOO_OLD_TARGET;
     const std::size_t current = m_played;
-    if (m_candidates[current].m_tooOldShare > target) {
-        for (std::size_t deeper = current + 1; deeper < m_candidates.size(); ++deeper) {
-            if (m_candidates[deeper].m_tooOldShare <= target)
-                return deeper;
-        }
-        return m_candidates.size() - 1;
-    }
+    if (m_candidates[current].m_tooOldShare > target)
+        return quickClimb();
     const unsigned holdGets = SonraJbuf::PLAYOUT_DESCENT_HOLD_MS / m_config.m_frameDuration;
     if (current > 0 && m_getsSinceMove >= holdGets &&
         m_candidates[current - 1].m_tooOldShare < target * SonraJbuf::PLAYOUT_DESCENT_FRACTION)

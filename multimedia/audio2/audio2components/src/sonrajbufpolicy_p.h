@@ -30,6 +30,37 @@
 //    starts from empty (first frame, after running dry, after a resync)
 //    waits D - 1 periods before it plays.
 //
+// PLAYOUT_HISTOGRAM: the adaptive rules (the quick climb on the share over
+// PLAYOUT_SHARE_FRAMES, the hold before a descent, the ladder, the moves)
+// with two more estimates, after the ideas of the delay manager of WebRTC's
+// NetEq:
+//  - histogram: for each queue, the share of frames too old for it yet in
+//    time for the deepest one, with the forgetting factor
+//    1 - 1 / SonraJbuf::PLAYOUT_HISTOGRAM_FRAMES per frame put (2000: about
+//    40 s at 20 ms; the first PLAYOUT_SHARE_FRAMES weigh as in the short
+//    share, so that it starts at once). Across the ladder that is the tail
+//    of a histogram of how late frames come, in steps of one frame period.
+//    Its target is the shallowest queue whose tail is at or under
+//    SonraJbuf::PLAYOUT_HISTOGRAM_TAIL (0.0075: the 99.25th percentile of
+//    lateness);
+//  - peak detector: a frame too old for the played queue but not for the
+//    deepest is late; late frames less than SonraJbuf::PLAYOUT_PEAK_GAP_MS
+//    (1000 ms) apart form one delay peak (late, from the second on, for the
+//    queue played when the peak began), whose height is the shallowest
+//    queue that took them all. A peak of fewer than PEAK_FRAMES (3) late
+//    frames is an outlier of the jitter, not a peak. A peak that begins
+//    within SonraJbuf::PLAYOUT_PEAK_PERIOD_MS (20000 ms) of the one before
+//    recurs: the depth is kept at or above the lower of the two heights
+//    (both peaks reached it; the lower keeps one heavy-tailed outlier from
+//    setting it) for 2 x PLAYOUT_PEAK_PERIOD_MS;
+//  - climb, at once, to the deepest of the quick climb's choice, the
+//    histogram's target and the held peak height;
+//  - descent, once PLAYOUT_DESCENT_HOLD_MS have passed since the last move,
+//    in one move to the shallowest queue such that it and every queue
+//    between meet the histogram's tail and stay under
+//    PLAYOUT_DESCENT_FRACTION of the target on the short share, never below
+//    a held peak height.
+//
 // Counts: statistics() adds up what each queue did while it was the played
 // one, and the moves. A frame the played queue gave out but a move held back
 // is held (framesHeld), not played.
@@ -78,10 +109,17 @@ private:
         unsigned m_depth;     // frames
         bool m_refused;       // the last frame put was too old for it
         double m_tooOldShare; // running mean, 0..1
+        double m_tailShare;   // PLAYOUT_HISTOGRAM: long-memory share too old for it, 0..1
     };
 
+    bool adaptive() const;
     void updateTooOldShares();
+    void updateHistogram();
+    void detectPeak();
+    std::size_t histogramTarget() const;
+    std::size_t quickClimb() const;
     std::size_t adaptiveChoice() const;
+    std::size_t histogramChoice() const;
     void move(std::size_t next);
     bool passesMove(const SonraJbufFrame_p* frame);
     void noteHeld();
@@ -96,6 +134,17 @@ private:
     bool m_shrinking = false;            // the move was to a shallower queue
     SonraJbufStatistics m_earlierPlayed; // counts of the queues played before the current one, and the moves
     SonraJbufStatistics m_playedSince;   // the current played queue's counts when it became the played one
+    // PLAYOUT_HISTOGRAM:
+    unsigned m_histogramPuts = 0;        // frames put since the restart, up to PLAYOUT_HISTOGRAM_FRAMES
+    unsigned m_getsSincePeakFrame = 0;   // gets since a frame of a delay peak, saturating
+    unsigned m_getsSincePeak = 0;        // gets since the latest peak began, saturating
+    bool m_seenPeak = false;
+    unsigned m_peakFrames = 0;           // late frames in the latest peak
+    std::size_t m_peakBase = 0;          // index of the queue played when the latest peak began
+    std::size_t m_peakHeight = 0;        // index of the shallowest queue that took every late frame of the current peak
+    std::size_t m_lastPeakHeight = 0;    // the same, of the latest peak that held PEAK_FRAMES
+    std::size_t m_heldHeight = 0;        // index the depth is kept at or above while m_holdGets lasts
+    unsigned m_holdGets = 0;             // gets left of the held peak height
 };
 
 } // namespace ombrel
