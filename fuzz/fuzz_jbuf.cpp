@@ -107,7 +107,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size)
         case POLICY: {
             const unsigned choice = in.byte();
             model.adaptive = choice & 1; // the adaptive or the histogram policy
-            jbuf.setPlayoutPolicy(!model.adaptive ? ombrel::SonraJbuf::PLAYOUT_FIXED
+            jbuf.setPlayoutPolicy(!model.adaptive ? ombrel::SonraJbuf::PLAYOUT_INITIAL_DELAY
                                   : choice & 2    ? ombrel::SonraJbuf::PLAYOUT_HISTOGRAM
                                                   : ombrel::SonraJbuf::PLAYOUT_ADAPTIVE);
             model.restart();

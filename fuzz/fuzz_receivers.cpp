@@ -133,7 +133,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size)
                 t.other->setLossConcealment(in.byte() & 1);
             else
                 t.own->setPlayoutPolicy(in.byte() & 1 ? ombrel::SonraJbuf::PLAYOUT_ADAPTIVE
-                                                      : ombrel::SonraJbuf::PLAYOUT_FIXED);
+                                                      : ombrel::SonraJbuf::PLAYOUT_INITIAL_DELAY);
             break;
         }
     }

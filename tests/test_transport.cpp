@@ -450,7 +450,7 @@ TEST(Jbuf, AdaptivePlayoutFollowsASpikeWithoutRepeatingAndFixedIsTheDefault)
 {
     JbufRig untouched, fixed, adaptive;
     fixed.jbuf.setPlayoutPolicy(SonraJbuf::PLAYOUT_ADAPTIVE);
-    fixed.jbuf.setPlayoutPolicy(SonraJbuf::PLAYOUT_FIXED);
+    fixed.jbuf.setPlayoutPolicy(SonraJbuf::PLAYOUT_INITIAL_DELAY);
     EXPECT_EQ(playThroughSpike(untouched), playThroughSpike(fixed));
     playedThroughSpike(adaptive, SonraJbuf::PLAYOUT_ADAPTIVE);
     const SonraJbufStatistics f = fixed.jbuf.statistics(), a = adaptive.jbuf.statistics();

@@ -314,7 +314,7 @@ SonraJbuf::SonraJbuf(unsigned int frameDuration) : d(new SonraJbuf_p)
     d->m_extraJitterDelay = 300;
     d->m_extraJitterFrames = 0;
     d->m_recovery = false;
-    d->m_playoutPolicy = PLAYOUT_FIXED;
+    d->m_playoutPolicy = PLAYOUT_INITIAL_DELAY;
     reset();
 }
 

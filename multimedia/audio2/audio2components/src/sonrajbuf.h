@@ -166,7 +166,7 @@ public:
     static unsigned RECOVERY_RUN_FRAMES;  // frames
     static unsigned RECOVERY_MAX_JUMP_MS; // ms
 
-    // Which queue is played. PLAYOUT_FIXED, the default: the queue of the
+    // Which queue is played. PLAYOUT_INITIAL_DELAY, the default: the queue of the
     // initial delay, always. PLAYOUT_ADAPTIVE: the shallowest queue whose
     // recent share of too-old frames stays at or under
     // PLAYOUT_TOO_OLD_TARGET, climbing at once and descending slowly,
@@ -177,7 +177,7 @@ public:
     // and a detector of recurring delay peaks, so that heavy-tailed jitter
     // and delay spikes neither pull it down too early nor catch it short.
     // Resets: everything buffered is dropped.
-    enum PlayoutPolicy : int32_t { PLAYOUT_FIXED = 0, PLAYOUT_ADAPTIVE = 1, PLAYOUT_HISTOGRAM = 2 };
+    enum PlayoutPolicy : int32_t { PLAYOUT_INITIAL_DELAY = 0, PLAYOUT_ADAPTIVE = 1, PLAYOUT_HISTOGRAM = 2 };
     void setPlayoutPolicy(PlayoutPolicy policy);
     static double PLAYOUT_TOO_OLD_TARGET;    // share of frames put, 0..1
     static unsigned PLAYOUT_SHARE_FRAMES;    // frames

@@ -4,7 +4,7 @@
 // Which queue of a SonraJbuf is played (SonraJbuf::setPlayoutPolicy), with
 // F the playout period (ms) and D a queue's depth (frames).
 //
-// PLAYOUT_FIXED, the default: the queue of the initial delay, always.
+// PLAYOUT_INITIAL_DELAY, the default: the queue of the initial delay, always.
 //
 // PLAYOUT_ADAPTIVE: the shallowest queue whose recent share of too-old
 // frames stays at or under SonraJbuf::PLAYOUT_TOO_OLD_TARGET (0.01):
@@ -75,7 +75,7 @@ namespace ombrel {
 struct SonraJbufFrame_p;
 
 struct SonraJbufPolicyConfig {
-    SonraJbuf::PlayoutPolicy m_policy = SonraJbuf::PLAYOUT_FIXED;
+    SonraJbuf::PlayoutPolicy m_policy = SonraJbuf::PLAYOUT_INITIAL_DELAY;
     unsigned m_frameDuration = 0; // ms, one get per period
     unsigned m_ringSlots = 0;     // slots of a queue's ring: gets a move looks back for frames played
     std::size_t m_initialQueue = 0; // index, in ascending depth, of the queue played first

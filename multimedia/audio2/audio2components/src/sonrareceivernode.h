@@ -31,7 +31,7 @@ public:
     // never move the stream on one stray number. Off by default.
     void setRecovery(bool enabled);
     // SonraJbuf::setPlayoutPolicy: which delay is played; restarts the jitter
-    // buffer empty. SonraJbuf::PLAYOUT_FIXED by default.
+    // buffer empty. SonraJbuf::PLAYOUT_INITIAL_DELAY by default.
     void setPlayoutPolicy(SonraJbuf::PlayoutPolicy policy);
     // One received datagram; fewer than 12 bytes are ignored.
     void dataReceived(boost::shared_ptr<std::vector<char> > data);
