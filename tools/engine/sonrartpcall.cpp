@@ -1,6 +1,7 @@
 #include "sonrartpcall.h"
 
 #include "sonraoptions.h"
+#include "sonrasoundfile.h"
 
 #include "sonradevnode.h"
 #include "sonrag711encnode.h"
@@ -16,9 +17,12 @@
 #include <boost/asio/steady_timer.hpp>
 #include <boost/make_shared.hpp>
 
+#include <unistd.h>
+
 #include <chrono>
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
 
 namespace sonrartp {
 
@@ -74,6 +78,34 @@ void openCallSocket(const CallOptions& options, const udp::endpoint& to, udp::so
                                  options.bind + ": " + error.message());
 }
 
+// The virtual device loops a capture file only at the stream's rate and
+// channels: any other file is mixed to mono and resampled into a
+// temporary copy first, removed again with this.
+struct CaptureDevice {
+    CaptureDevice(const std::string& name, unsigned rate) : name(name)
+    {
+        const std::string prefix = SonraUniversalDevice::VIRTUAL_DEVICE_PREFIX;
+        if (name.compare(0, prefix.size(), prefix) != 0)
+            return;
+        const std::vector<int16_t> samples = sonratool::readMono(name.substr(prefix.size()), rate);
+        const char* folder = std::getenv("TMPDIR");
+        std::string path = std::string(folder && *folder ? folder : "/tmp") + "/sonra-rtp-call-XXXXXX.wav";
+        const int file = ::mkstemps(&path[0], 4);
+        if (file < 0)
+            throw std::runtime_error("cannot make a temporary copy of " + name.substr(prefix.size()));
+        ::close(file);
+        copy = path;
+        sonratool::writeWav(copy, samples, rate);
+        this->name = prefix + copy;
+    }
+    ~CaptureDevice()
+    {
+        if (!copy.empty())
+            std::remove(copy.c_str());
+    }
+    std::string name, copy;
+};
+
 const char* codecName(CallCodec codec)
 {
     return codec == CallCodec::Opus ? "opus" : codec == CallCodec::Pcma ? "pcma" : "pcmu";
@@ -109,14 +141,14 @@ struct AddressLock {
 class Endpoint {
 public:
     Endpoint(const CallOptions& options)
-        : m_options(options), m_rate(callRate(options.codec)), m_socket(*m_io),
-          m_to(resolveHostPort(*m_io, options.to))
+        : m_options(options), m_rate(callRate(options.codec)), m_capture(options.capture, m_rate),
+          m_socket(*m_io), m_to(resolveHostPort(*m_io, options.to))
     {
         openCallSocket(options, m_to, m_socket);
         m_container = boost::make_shared<SonraDevNodesContainer>(m_io, FRAME_MS,
                                                                  SonraDevNodesContainer::DEFAULT_RINGBUF_DURATION, m_rate);
         m_container->create(true, false);
-        m_container->setCaptureDevice(options.capture);
+        m_container->setCaptureDevice(m_capture.name);
         m_container->setPlaybackDevice(options.playback);
         m_container->setPipe(m_pipe);
         buildSendPath();
@@ -264,6 +296,7 @@ private:
 
     const CallOptions m_options;
     const unsigned m_rate; // Hz
+    const CaptureDevice m_capture;
     boost::shared_ptr<boost::asio::io_service> m_io = boost::make_shared<boost::asio::io_service>();
     boost::shared_ptr<SonraPipe> m_pipe = boost::make_shared<SonraPipe>(FRAME_MS);
     udp::socket m_socket;

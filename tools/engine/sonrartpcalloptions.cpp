@@ -21,7 +21,7 @@ const char* const CALL_USAGE =
     "          are listed as digits. One source at a time: the first one that sends a\n"
     "          consistent stream, by SSRC and address; another takes over once it has been\n"
     "          quiet for 200 ms. \"virtual:FILE\" devices need no sound card: as capture they\n"
-    "          loop FILE (at the call's rate), as playback they write a WAV file. Ends after N\n"
+    "          loop the sound file FILE, as playback they write a WAV file. Ends after N\n"
     "          seconds (default: no limit) or on Ctrl-C.\n";
 
 namespace {
