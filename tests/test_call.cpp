@@ -120,17 +120,31 @@ TEST_F(Call, BadOptionsAndFilesGiveOneLineAndAnExitCode)
     EXPECT_EQ(std::string::npos, quiet.output.find('\r')); // no progress line off a terminal
 }
 
-TEST_F(Call, OverRtpLoopbackSocketsEveryPacketArrives)
+TEST_F(Call, OverRtpOpusTheNetworkModelLosesPacketsBeforeTheSockets)
 {
     const sonracall::CallRecord result = call([](sonracall::CallOptions& options) {
         options.rtp = true;
+        options.rtpCodec = "opus";
+        options.net.network.lossRate = 0.1;
+        options.net.network.seed = 7;
         options.report = false;
     });
     ASSERT_EQ(2u, result.parties.size());
-    for (const auto& party : result.parties) {
-        ASSERT_EQ(1u, party.legs.size());
-        EXPECT_TRUE(party.legs[0].rtp);
-        EXPECT_EQ(100u, party.legs[0].rtpSent);
-        EXPECT_EQ(party.legs[0].rtpSent, party.legs[0].rtpReceived);
+    for (unsigned to = 0; to < 2; ++to) {
+        sonranetsim::NetworkModel model;
+        model.seed = 7 + (1 - to); // leg 1->2 draws from the seed, leg 2->1 from the next
+        model.lossRate = 0.1;
+        sonranetsim::Network network(model);
+        const sonracall::LegRecord& leg = result.parties[to].legs.at(0);
+        unsigned lost = 0;
+        for (unsigned seq = 1; seq <= 100; ++seq)
+            lost += network.arrivals(seq, 20 * (seq - 1)).empty();
+        EXPECT_TRUE(leg.rtp);
+        EXPECT_EQ(100u, leg.rtpSent);
+        EXPECT_EQ(lost, leg.lost);
+        EXPECT_GT(lost, 0u);
+        EXPECT_EQ(leg.rtpSent - lost, leg.rtpReceived); // every packet the network let through crossed the sockets
+        EXPECT_EQ(leg.rtpReceived, leg.played);
+        EXPECT_EQ(20u * lost, leg.concealedMs); // FEC or concealment, 20 ms each
     }
 }

@@ -53,8 +53,10 @@ const char* const USAGE =
     "  --delays I,MIN,MAX,X   jitter buffer delays, ms (the receiver's own defaults)\n"
     "  --recovery on|off      jitter buffers re-anchor on a restarted or re-numbered stream (on)\n"
     "  --policy fixed|adaptive  jitter buffers play the initial delay, or follow the network (fixed)\n"
-    "  --rtp                  G.711 over RTP with the RTP nodes, through UDP sockets on 127.0.0.1:\n"
-    "                         the sockets are the network; the model above does not apply\n"
+    "  --rtp                  RTP with the RTP nodes instead of the own format: every packet passes\n"
+    "                         the network model above, then crosses a UDP socket on 127.0.0.1\n"
+    "  --codec C              with --rtp: opus (payload type 96, 48 kHz RTP clock), pcma or pcmu\n"
+    "                         (G.711, 8000 Hz) (opus)\n"
     "real time:\n"
     "  --realtime             every pipe on its own timer, each party on a virtual device, party 1\n"
     "                         on the sound card when there is one (default: stepped, faster than\n"
@@ -90,8 +92,9 @@ struct Progress {
 void printLeg(const sonracall::LegRecord& leg)
 {
     if (leg.rtp) {
-        std::printf("  from party %u over RTP: sent %u datagrams, received %u\n", leg.from + 1, leg.rtpSent,
-                    leg.rtpReceived);
+        std::printf("  from party %u over RTP: sent %u, lost %u, received %u, late %llu, played %u; concealed %llu ms\n",
+                    leg.from + 1, leg.rtpSent, leg.lost, leg.rtpReceived, static_cast<unsigned long long>(leg.late),
+                    leg.played, static_cast<unsigned long long>(leg.concealedMs));
         return;
     }
     std::printf("  from party %u: sent %u, lost %u, late %llu, played %u; jitter buffer %.1f ms mean, "

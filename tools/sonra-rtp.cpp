@@ -6,6 +6,7 @@
 //   sonra-rtp recv --port PORT --out FILE.wav [--bind ADDRESS] [--seconds N] [--idle S]
 //   sonra-rtp replay FILE.pcap --out FILE.wav [--ssrc N]
 #include "sonraoptions.h"
+#include "sonrartpcall.h"
 #include "sonrartptool.h"
 
 #include "shared.h"
@@ -39,9 +40,14 @@ int main(int argc, char** argv)
 {
     ombrel::setLogSink([](const ombrel::LogRecord&) {}); // the tool says what went wrong itself
     try {
+        if (argc > 1 && std::string(argv[1]) == "call") {
+            const sonrartp::CallOptions call = sonrartp::parseCallOptions(argc, argv);
+            if (!call.help)
+                return sonrartp::call(call);
+        }
         const sonrartp::RtpOptions options = sonrartp::parseRtpOptions(argc, argv);
         if (options.help) {
-            std::cout << USAGE;
+            std::cout << USAGE << sonrartp::CALL_USAGE;
             return 0;
         }
         if (options.command == "send")
@@ -50,7 +56,7 @@ int main(int argc, char** argv)
             return sonrartp::receive(options);
         return sonrartp::replay(options);
     } catch (const sonratool::UsageError& error) {
-        std::fprintf(stderr, "sonra-rtp: %s\n\n%s", error.what(), USAGE);
+        std::fprintf(stderr, "sonra-rtp: %s\n\n%s%s", error.what(), USAGE, sonrartp::CALL_USAGE);
         return 2;
     } catch (const std::exception& error) {
         std::fprintf(stderr, "sonra-rtp: %s\n", error.what());

@@ -1,12 +1,9 @@
 #include "sonracall.h"
 
 #include "sonrafileplaynode.h"
-#include "sonrag711decnode.h"
-#include "sonrag711encnode.h"
 #include "sonramonotostereonode.h"
 #include "sonranoisesupressnode.h"
 #include "sonraplainvsndfilevfs.h"
-#include "sonraresamplernode.h"
 #include "sonrareverbnode.h"
 
 #include <algorithm>
@@ -135,10 +132,10 @@ void Call::finish()
     if (m_parties.front()->writer)
         m_parties.front()->writer->stop(); // the recording is complete only now
     for (auto& leg : m_legs) {
-        if (!leg->receiver)
-            continue; // RTP: counted by the sockets
-        leg->result.summary.jbuf = leg->receiver->statistics();
         leg->result.packets = leg->link.packets();
+        if (!leg->receiver)
+            continue; // RTP: counted by its receiver and the sockets
+        leg->result.summary.jbuf = leg->receiver->statistics();
         sonranetsim::summarise(m_parties[leg->from]->said, RATE, FRAME_SAMPLES, leg->result);
     }
 }
@@ -160,17 +157,7 @@ void Call::startFrame(std::size_t p, unsigned now)
         if (leg->receiver)
             leg->result.frames.push_back(sonranetsim::startFrame(leg->link, *leg->receiver, now, leg->playedBefore));
         else
-            receiveDatagrams(*leg);
-    }
-}
-
-void Call::receiveDatagrams(Leg& leg)
-{
-    while (leg.socket->available() > 0) {
-        auto datagram = boost::make_shared<std::vector<char> >(leg.socket->available());
-        datagram->resize(leg.socket->receive(boost::asio::buffer(*datagram)));
-        leg.rtpReceiver->dataReceived(datagram);
-        ++leg.rtpReceived;
+            receiveRtp(*leg, now);
     }
 }
 
@@ -224,11 +211,7 @@ void Call::buildSendPath(std::size_t p)
         party.sender = sonranetsim::ClientPathBuilder(m_config.net, party.io, *party.pipe).sendHalf(last);
         return;
     }
-    chain(boost::make_shared<SonraResamplerNode>(party.io, RATE, G711_RATE, FRAME_MS));
-    chain(boost::make_shared<SonraG711EncNode>(party.io, FRAME_MS, G711_RATE));
-    party.rtpSender = boost::make_shared<SonraRtpSenderNode>(party.io, FRAME_MS, G711_RATE);
-    chain(party.rtpSender);
-    party.socket.reset(new boost::asio::ip::udp::socket(*m_io, boost::asio::ip::udp::v4()));
+    buildRtpSendHalf(party, last);
 }
 
 void Call::addLeg(unsigned from, unsigned to)
@@ -243,19 +226,6 @@ void Call::addLeg(unsigned from, unsigned to)
         sonranetsim::ClientPathBuilder(m_config.net, receiving.io, *receiving.pipe).receiveHalf();
     leg.receiver = half.receiver;
     leg.output = half.output;
-}
-
-// G.711 back to the call's rate, from a socket on 127.0.0.1.
-void Call::addRtpLeg(Leg& leg, Party& receiving)
-{
-    leg.rtpReceiver = boost::make_shared<SonraRtpReceiverNode>(receiving.io, FRAME_MS, G711_RATE);
-    leg.rtpReceiver->setLossConcealment(true);
-    auto decoder = boost::make_shared<SonraG711DecNode>(receiving.io, FRAME_MS, G711_RATE);
-    leg.output = boost::make_shared<SonraResamplerNode>(receiving.io, G711_RATE, RATE, FRAME_MS);
-    receiving.pipe->connect(leg.rtpReceiver, decoder);
-    receiving.pipe->connect(decoder, leg.output);
-    leg.socket.reset(new boost::asio::ip::udp::socket(
-        *m_io, boost::asio::ip::udp::endpoint(boost::asio::ip::address_v4::loopback(), 0)));
 }
 
 // The peers into the mixer with the notification (and hold music), then the
@@ -308,10 +278,8 @@ void Call::connectSendHandler(std::size_t p)
         });
     else
         party.rtpSender->setSendHandler([outgoing, &party](Frame packet) {
-            for (Leg* leg : outgoing) {
-                party.socket->send_to(boost::asio::buffer(*packet), leg->socket->local_endpoint());
-                ++leg->rtpSent;
-            }
+            for (Leg* leg : outgoing)
+                leg->link.send(packet, ++leg->rtpSent, party.pipe->elapsedTime());
         });
 }
 

@@ -46,6 +46,11 @@ const unsigned FRAME_SAMPLES = 320; // samples per channel in a graph frame
 const unsigned G711_RATE = 8000;    // Hz, the only rate G.711 takes
 const int PLAYER_MAX_FILE = 64 << 20; // bytes of a notification or hold file
 
+// What the parties speak over RTP: Opus (dynamic payload type
+// OPUS_PAYLOAD_TYPE, 48 kHz RTP clock) or G.711 at its 8000 Hz.
+enum class RtpCodec { Opus, Pcma, Pcmu };
+const unsigned OPUS_PAYLOAD_TYPE = 96;
+
 struct PartyConfig {
     std::vector<int16_t> speech; // mono at RATE: what the microphone hears, once
     bool changeVoice = false;
@@ -61,9 +66,10 @@ struct CallConfig {
     std::string notificationFile;     // played once into every party's ear at the start
     std::string holdFile;             // looped into every party's ear when not empty
     std::string recordFile;           // Ogg Vorbis of party 1's side of the call: said and heard
-    // G.711 RTP through UDP sockets on 127.0.0.1 instead of Opus in the own
-    // format through the network model.
+    // RTP with the RTP nodes instead of the own format: every packet passes
+    // the network model, then crosses a UDP socket on 127.0.0.1.
     bool rtp = false;
+    RtpCodec rtpCodec = RtpCodec::Opus;
     // Real time: every pipe on its own asio timer, every party on a real or
     // virtual device of these names (capture, playback); empty: stepped.
     std::vector<std::pair<std::string, std::string> > devices;
@@ -166,8 +172,11 @@ public:
 
 private:
     static void clearSendHandler(Party& party);
-    // What the socket holds now: loopback datagrams are there once sent.
-    static void receiveDatagrams(Leg& leg);
+    // RTP: the datagrams the network delivers by `now` (ms) cross the
+    // sockets to the receiver; loopback datagrams are there once sent.
+    void receiveRtp(Leg& leg, unsigned now);
+    // RTP: encoder and sender after `last`, at the codec's rate.
+    void buildRtpSendHalf(Party& party, boost::shared_ptr<SonraNode> last);
     // Counts, delays and SNRs of every leg, against what its sender said.
     void finish();
     void startFrame(std::size_t p, unsigned now);

@@ -85,7 +85,11 @@ bool callOption(const std::string& option, const std::string& value, CallOptions
         options.capture = value;
     else if (option == "--playback")
         options.playback = value;
-    else if (option == "--voice" || option == "--reverb" || option == "--haas")
+    else if (option == "--codec") {
+        if (value != "opus" && value != "pcma" && value != "pcmu")
+            throw UsageError("--codec: expected opus, pcma or pcmu, not \"" + value + "\"");
+        options.rtpCodec = value;
+    } else if (option == "--voice" || option == "--reverb" || option == "--haas")
         options.effects.emplace_back(option, value);
     else
         return false;
@@ -138,6 +142,8 @@ CallOptions parseCallOptions(int argc, char** argv)
     }
     if (options.inputs.size() > options.parties)
         throw UsageError("more --input files than --parties");
+    if (!options.rtp && !options.rtpCodec.empty())
+        throw UsageError("--codec needs --rtp");
     if (!options.realTime && !(options.capture.empty() && options.playback.empty()))
         throw UsageError("--capture and --playback need --realtime");
     sonranetsim::NetworkModel& model = options.net.network;

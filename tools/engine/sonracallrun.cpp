@@ -8,6 +8,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cmath>
 #include <cstdio>
@@ -97,6 +98,9 @@ CallConfig callConfig(const CallOptions& options, std::vector<std::string>& inpu
         sonratool::readMono(options.hold, RATE); // an unreadable file is a message before any graph exists
     config.recordFile = options.outDir + "/call.ogg";
     config.rtp = options.rtp;
+    config.rtpCodec = options.rtpCodec == "pcma"   ? RtpCodec::Pcma
+                      : options.rtpCodec == "pcmu" ? RtpCodec::Pcmu
+                                                   : RtpCodec::Opus;
     const unsigned inputFrames = unsigned((longest + FRAME_SAMPLES - 1) / FRAME_SAMPLES);
     config.frames = options.seconds > 0 ? unsigned(std::ceil(options.seconds * 1000 / FRAME_MS)) : inputFrames;
     return config;
@@ -136,8 +140,16 @@ LegRecord legRecord(const Leg& leg)
     record.rtp = !leg.receiver;
     record.rtpSent = leg.rtpSent;
     record.rtpReceived = leg.rtpReceived;
-    if (record.rtp)
+    if (record.rtp) {
+        const SonraRtpReceiverNode::Statistics received = leg.rtpReceiver->statistics();
+        record.sent = leg.rtpSent;
+        record.lost = unsigned(std::count_if(leg.result.packets.begin(), leg.result.packets.end(),
+                                             [](const sonranetsim::PacketRecord& packet) { return packet.lost; }));
+        record.late = received.packetsLate;
+        record.played = unsigned(received.packetsPlayed);
+        record.concealedMs = received.concealedMs;
         return record;
+    }
     const sonranetsim::Summary& s = leg.result.summary;
     record.sent = s.sent;
     record.lost = s.lostInNetwork;

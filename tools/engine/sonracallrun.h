@@ -28,6 +28,7 @@ struct CallOptions {
     bool quiet = false;
     bool realTime = false;
     bool rtp = false;
+    std::string rtpCodec;         // with rtp: opus (when empty), pcma or pcmu
     std::string capture, playback; // party 1's devices in real time; empty: a sound card when there is one
     sonranetsim::Config net;       // every leg's network and jitter buffer
     std::vector<std::pair<std::string, std::string> > effects; // option, value: checked once parties are known
@@ -43,8 +44,9 @@ void applyEffects(const CallOptions& options, std::vector<PartyConfig>& parties)
 // What one party heard from one peer.
 struct LegRecord {
     unsigned from = 0;            // party index
-    bool rtp = false;             // then only the datagram counts are set
+    bool rtp = false;             // then the counts are the RTP receiver's, with no delays or SNR
     unsigned rtpSent = 0, rtpReceived = 0; // datagrams
+    uint64_t concealedMs = 0;     // RTP: audio made up for lost packets
     unsigned sent = 0, lost = 0, played = 0; // packets
     uint64_t late = 0;            // frames refused as too old
     double meanResidenceMs = 0, p95ResidenceMs = 0; // of the frames played

@@ -12,9 +12,14 @@ using namespace ombrel;
 void Link::send(const Frame& packet)
 {
     const SonraPacket view(packet);
+    send(packet, view.m_header->seqNum, view.m_header->timeStamp);
+}
+
+void Link::send(const Frame& packet, unsigned seqNum, unsigned sendTime)
+{
     PacketRecord record;
-    record.seqNum = view.m_header->seqNum;
-    record.sendTime = view.m_header->timeStamp;
+    record.seqNum = seqNum;
+    record.sendTime = sendTime;
     record.arrivalTimes = m_network.arrivals(record.seqNum, record.sendTime);
     record.lost = record.arrivalTimes.empty();
     // Each copy is its own datagram, as it would come off a socket.
@@ -26,9 +31,14 @@ void Link::send(const Frame& packet)
 
 unsigned Link::deliverDue(unsigned now, SonraReceiverNode& receiver)
 {
+    return deliverDue(now, [&receiver](const Frame& datagram) { receiver.dataReceived(datagram); });
+}
+
+unsigned Link::deliverDue(unsigned now, const std::function<void(const Frame&)>& deliver)
+{
     unsigned delivered = 0;
     while (!m_inFlight.empty() && m_inFlight.begin()->first <= now) {
-        receiver.dataReceived(m_inFlight.begin()->second);
+        deliver(m_inFlight.begin()->second);
         m_inFlight.erase(m_inFlight.begin());
         ++delivered;
     }

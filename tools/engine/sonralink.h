@@ -15,6 +15,7 @@
 #include <boost/shared_ptr.hpp>
 
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <vector>
 
@@ -34,8 +35,11 @@ public:
 
     // For the sender's handler: one packet in the own format.
     void send(const Frame& packet);
+    // Any datagram (RTP), numbered from 1 and timed by the caller: send time, ms.
+    void send(const Frame& datagram, unsigned seqNum, unsigned sendTime);
     // Hands the receiver every datagram due at `now` (ms); returns how many.
     unsigned deliverDue(unsigned now, ombrel::SonraReceiverNode& receiver);
+    unsigned deliverDue(unsigned now, const std::function<void(const Frame&)>& deliver);
     bool inFlight() const { return !m_inFlight.empty(); }
     void markPlayed(unsigned seqNum, unsigned now);
     // By sequence number, [0] is number 1; empty without records.
