@@ -3,7 +3,9 @@
 // command line for its errors.
 #include "deviceutil.h"
 #include "sonracallrun.h"
+#include "sonraechocanceller.h"
 #include "sonranetsim.h"
+#include "sonrasoundfile.h"
 
 #include <gtest/gtest.h>
 
@@ -105,6 +107,7 @@ TEST_F(Call, BadOptionsAndFilesGiveOneLineAndAnExitCode)
         {"--voice 3:higher", 2, "--voice wants a number from 1 to 2, not \"3\""},
         {"--haas 1", 2, "--haas wants PARTY:VALUE"},
         {"--frobnicate 1", 2, "unknown option \"--frobnicate\""},
+        {"--aec off", 2, "--aec applies to parties on --echo"},
         {"--input /nonexistent.wav", 1, "cannot read /nonexistent.wav"},
         {"--out /proc/sonra-call", 1, "cannot create /proc/sonra-call"},
     };
@@ -146,5 +149,33 @@ TEST_F(Call, OverRtpOpusTheNetworkModelLosesPacketsBeforeTheSockets)
         EXPECT_EQ(leg.rtpSent - lost, leg.rtpReceived); // every packet the network let through crossed the sockets
         EXPECT_EQ(leg.rtpReceived, leg.played);
         EXPECT_EQ(20u * lost, leg.concealedMs); // FEC or concealment, 20 ms each
+    }
+}
+
+// Party 1 on loudspeakers and silent: party 2's voice comes back through
+// party 1's room into its microphone.
+TEST_F(Call, OnLoudspeakersTheFarEndHearsItsOwnVoiceOnlyWithoutTheCanceller)
+{
+    const std::string silence = sonratest::tempPath("silence.wav");
+    sonratool::writeWav(silence, std::vector<int16_t>(320), 16000);
+    for (const bool aec : {true, false}) {
+        const sonracall::EchoRecord echo = call([&](sonracall::CallOptions& options) {
+            options.seconds = 4;
+            options.inputs = {silence};
+            options.effects = {{"--echo", "1"}};
+            options.aec = aec;
+            options.report = false;
+        }).parties[0].echo;
+        ASSERT_TRUE(echo.loudspeakers);
+        EXPECT_GT(echo.singleTalkMs, 3000u);
+        if (aec) {
+            EXPECT_EQ(ombrel::SonraEchoCanceller::engineName(ombrel::SonraEchoCanceller::DEFAULT_ENGINE), echo.engine);
+            EXPECT_GE(echo.erleDb, 25.0);
+            EXPECT_LE(unsigned(echo.convergenceMs), 1000u); // -1: never
+            EXPECT_GE(echo.farEndBelowSpeechDb, 30.0);
+        } else {
+            EXPECT_EQ(0.0, echo.erleDb); // the microphone goes out as it was
+            EXPECT_LT(echo.farEndBelowSpeechDb, 10.0);
+        }
     }
 }

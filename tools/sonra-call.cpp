@@ -13,6 +13,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <iostream>
 #include <memory>
@@ -43,6 +44,9 @@ const char* const USAGE =
     "  --reverb P             an echo on party P's voice\n"
     "  --haas P:MS            party P hears in stereo, widened by a Haas delay of MS ms\n"
     "  --hold FILE            hold music every party hears, looped, under the call\n"
+    "  --echo P[:MS[,DB]]     party P on loudspeakers in a simulated room: what it hears comes back\n"
+    "                         into its microphone MS ms later (40), DB loud (-6), with a 300 ms tail\n"
+    "  --aec on|off           the device's echo canceller for parties on --echo (on)\n"
     "network (every direction between two parties is one leg):\n"
     "  --seed N               seed of the first leg; leg k draws from N + k (1)\n"
     "  --loss PCT             long-run packet loss (0)\n"
@@ -103,6 +107,29 @@ void printLeg(const sonracall::LegRecord& leg)
                 leg.meanResidenceMs, leg.p95ResidenceMs, sonratool::decibels(leg.snrDb).c_str());
 }
 
+// Less far-end single talk than this is mostly the tail of an echo whose
+// voice was played before it: its figures would mislead.
+const unsigned MEASURED_ECHO_MS = 500;
+
+void printEcho(const sonracall::EchoRecord& echo)
+{
+    std::printf("  on loudspeakers, echo %u ms at %.1f dB, ", echo.delayMs, echo.gainDb);
+    if (echo.singleTalkMs < MEASURED_ECHO_MS) {
+        std::printf("%s canceller: too little echo came back while the party was silent to measure (%.1f s)\n",
+                    echo.engine.empty() ? "no" : echo.engine.c_str(), echo.singleTalkMs / 1000.0);
+        return;
+    }
+    if (echo.engine.empty())
+        std::printf("no canceller");
+    else if (echo.convergenceMs < 0)
+        std::printf("%s canceller: enhancement %.1f dB, never 20 dB", echo.engine.c_str(), echo.erleDb);
+    else
+        std::printf("%s canceller: enhancement %.1f dB after converging in %.2f s", echo.engine.c_str(), echo.erleDb,
+                    echo.convergenceMs / 1000.0);
+    std::printf("; the far end heard its own voice %.1f dB below its speech (over %.1f s of it alone)\n",
+                echo.farEndBelowSpeechDb, echo.singleTalkMs / 1000.0);
+}
+
 void printSummary(const sonracall::CallRecord& call)
 {
     for (std::size_t p = 0; p < call.parties.size(); ++p) {
@@ -110,6 +137,8 @@ void printSummary(const sonracall::CallRecord& call)
         std::printf("party %zu  said %s, heard -> %s\n", p + 1, party.said.c_str(), party.heard.c_str());
         for (const sonracall::LegRecord& leg : party.legs)
             printLeg(leg);
+        if (party.echo.loudspeakers)
+            printEcho(party.echo);
         std::printf("  limiter cut in %u of %zu frames\n", party.limitedFrames, party.frames);
     }
 }
@@ -125,12 +154,21 @@ int callAndReport(const sonracall::CallOptions& options)
     progress.reset();
     if (!options.quiet)
         printSummary(call);
-    if (options.report)
-        sonracall::plotReport(call.reportData, unsigned(call.parties.size()), options.outDir + "/call-report.png");
+    if (options.report) {
+        std::vector<bool> loudspeakers;
+        for (const sonracall::PartyRecord& party : call.parties)
+            loudspeakers.push_back(party.echo.loudspeakers);
+        sonracall::plotReport(call.reportData, unsigned(call.parties.size()), options.outDir + "/call-report.png",
+                              loudspeakers);
+    }
     if (!options.quiet) {
         std::printf("\noutputs in %s/: party-N.wav (what party N heard), call.ogg (party 1's side of the call)",
                     options.outDir.c_str());
-        std::printf(options.report ? ", call-report.png (levels, losses, jitter buffer over time)\n" : "\n");
+        const bool echo = std::any_of(call.parties.begin(), call.parties.end(),
+                                      [](const sonracall::PartyRecord& party) { return party.echo.loudspeakers; });
+        std::printf(!options.report ? "\n"
+                    : echo          ? ", call-report.png (levels, losses, jitter buffer, echo over time)\n"
+                                    : ", call-report.png (levels, losses, jitter buffer over time)\n");
     }
     return 0;
 }

@@ -62,8 +62,16 @@ void Call::runFrame(unsigned frame)
     for (std::size_t p = 0; p < m_parties.size(); ++p)
         startFrame(p, frame * FRAME_MS);
     for (std::size_t p = 0; p < m_parties.size(); ++p) {
-        m_parties[p]->builder->device->block(microphoneFrame(p, frame), m_parties[p]->heard);
-        m_parties[p]->pipe->processFrame();
+        Party& party = *m_parties[p];
+        SteppedDevice& device = *party.builder->device;
+        if (party.loudspeakers)
+            party.loudspeakers->block(microphoneFrame(p, frame), party.heard,
+                                      [&device](const std::vector<int16_t>& captured, std::vector<int16_t>& played) {
+                                          device.block(captured, played);
+                                      });
+        else
+            device.block(microphoneFrame(p, frame), party.heard);
+        party.pipe->processFrame();
     }
     for (std::size_t p = 0; p < m_parties.size(); ++p)
         finishFrame(p);
@@ -261,6 +269,9 @@ void Call::buildReceivePath(std::size_t p)
     std::string message;
     if (m_config.devices.empty())
         party.container->start(int(party.playbackChannels), 1, &message); // the stepped device always starts
+    if (config.loudspeakers.on && m_config.devices.empty())
+        party.loudspeakers.reset(
+            new Loudspeakers(config.loudspeakers, RATE, FRAME_MS, FRAME_SAMPLES, party.playbackChannels));
 }
 
 // Every peer gets its own copy, as from its own socket send.

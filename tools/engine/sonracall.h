@@ -14,6 +14,7 @@
 #ifndef SONRA_CALL_H
 #define SONRA_CALL_H
 
+#include "sonracallecho.h"
 #include "sonranetsim.h"
 
 #include "sonradevnode.h"
@@ -57,6 +58,7 @@ struct PartyConfig {
     SonraVoiceChangeNode::Voice voice = SonraVoiceChangeNode::NORMAL;
     unsigned haasMs = 0;         // 0: the party hears mono
     bool reverb = false;
+    LoudspeakerSettings loudspeakers; // off: a headset, nothing comes back
 };
 
 struct CallConfig {
@@ -142,6 +144,7 @@ struct Party {
     std::vector<int16_t> said;  // what the encoder took: the microphone after the send path
     std::vector<int16_t> heard; // what the playback device played, interleaved
     unsigned limitedFrames = 0; // graph frames in which the mixer's limiter limited a sum of its inputs
+    std::unique_ptr<Loudspeakers> loudspeakers; // stepped only: the room between its speaker and microphone
 };
 
 // A voice call of any number of parties.

@@ -2,6 +2,8 @@
 #include "sonracallrun.h"
 #include "sonraoptions.h"
 
+#include <algorithm>
+
 namespace sonracall {
 
 namespace {
@@ -89,11 +91,33 @@ bool callOption(const std::string& option, const std::string& value, CallOptions
         if (value != "opus" && value != "pcma" && value != "pcmu")
             throw UsageError("--codec: expected opus, pcma or pcmu, not \"" + value + "\"");
         options.rtpCodec = value;
-    } else if (option == "--voice" || option == "--reverb" || option == "--haas")
+    } else if (option == "--voice" || option == "--reverb" || option == "--haas" || option == "--echo")
         options.effects.emplace_back(option, value);
+    else if (option == "--aec") {
+        options.aec = !sonratool::eitherOr(option, value, "on", "off");
+        options.aecGiven = true;
+    }
     else
         return false;
     return true;
+}
+
+// "P[:DELAY_MS[,GAIN_DB]]": party P on loudspeakers in the simulated room.
+void applyEcho(const std::string& value, bool cancel, std::vector<PartyConfig>& parties)
+{
+    const std::string option = "--echo";
+    const std::string::size_type colon = value.find(':');
+    const unsigned party = partyOf(option, value.substr(0, colon), unsigned(parties.size()));
+    LoudspeakerSettings& loudspeakers = parties[party].loudspeakers;
+    loudspeakers.on = true;
+    loudspeakers.cancel = cancel;
+    if (colon == std::string::npos)
+        return;
+    const std::string path = value.substr(colon + 1);
+    const std::string::size_type comma = path.find(',');
+    loudspeakers.path.delayMs = whole(option, path.substr(0, comma), 0, ombrel::SonraEchoPath::MAX_DELAY_MS);
+    if (comma != std::string::npos)
+        loudspeakers.path.gainDb = number(option, path.substr(comma + 1), -60, 0);
 }
 
 } // namespace
@@ -102,6 +126,10 @@ void applyEffects(const CallOptions& options, std::vector<PartyConfig>& parties)
 {
     for (const auto& effect : options.effects) {
         const std::string& option = effect.first;
+        if (option == "--echo") {
+            applyEcho(effect.second, options.aec, parties);
+            continue;
+        }
         if (option == "--reverb") {
             parties[partyOf(option, effect.second, options.parties)].reverb = true;
             continue;
@@ -150,6 +178,11 @@ CallOptions parseCallOptions(int argc, char** argv)
     model.jitterKind = model.jitter > 0 ? sonranetsim::JitterKind::Normal : sonranetsim::JitterKind::None;
     std::vector<PartyConfig> check(options.parties);
     applyEffects(options, check); // usage errors now, before any work
+    const bool echo = std::any_of(check.begin(), check.end(), [](const PartyConfig& p) { return p.loudspeakers.on; });
+    if (options.aecGiven && !echo)
+        throw UsageError("--aec applies to parties on --echo");
+    if (echo && options.realTime)
+        throw UsageError("--echo runs in the stepped call only, not with --realtime");
     return options;
 }
 

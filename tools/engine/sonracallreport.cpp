@@ -24,6 +24,29 @@ double levelDb(const std::vector<int16_t>& samples, std::size_t first, std::size
     return rms > 0 ? std::max(-90.0, 20 * std::log10(rms / 32768)) : -90.0;
 }
 
+std::string valueOrNaN(double value)
+{
+    return std::isnan(value) ? std::string("NaN") : std::to_string(value);
+}
+
+// Two more columns when a party sits on loudspeakers: its echo before and
+// after the canceller (dBFS), NaN for the others.
+std::string echoColumns(const Party& party, std::size_t frame)
+{
+    if (!party.loudspeakers || frame >= party.loudspeakers->echoBeforeDb().size())
+        return " NaN NaN";
+    return ' ' + valueOrNaN(party.loudspeakers->echoBeforeDb()[frame]) + ' ' +
+           valueOrNaN(party.loudspeakers->echoAfterDb()[frame]);
+}
+
+// The echo columns of party `p` as two more series of its plot.
+std::string echoSeries(unsigned p)
+{
+    const std::string block = ", '' index " + std::to_string(p);
+    return block + " using 2:7 with lines lc rgb 'orange' title 'echo in the microphone'" + block +
+           " using 2:8 with linespoints pt 7 ps 0.3 lc rgb 'black' title 'echo left by the canceller (far end alone)'";
+}
+
 } // namespace
 
 // Per party and graph frame: levels said and heard (dBFS), packets lost on
@@ -31,8 +54,12 @@ double levelDb(const std::vector<int16_t>& samples, std::size_t first, std::size
 void writeReportData(const Call& call, const std::string& path)
 {
     std::ofstream out(path);
-    out << "# party time_s said_dbfs heard_dbfs lost jbuf_ms\n";
     const auto& parties = call.parties();
+    const bool echo = std::any_of(parties.begin(), parties.end(), [](const std::unique_ptr<Party>& party) {
+        return bool(party->loudspeakers);
+    });
+    out << "# party time_s said_dbfs heard_dbfs lost jbuf_ms" << (echo ? " echo_before_dbfs echo_after_dbfs" : "")
+        << "\n";
     for (std::size_t p = 0; p < parties.size(); ++p) {
         const auto& party = *parties[p];
         const std::size_t frames = party.said.size() / FRAME_SAMPLES;
@@ -59,6 +86,8 @@ void writeReportData(const Call& call, const std::string& path)
                 out << residence[f];
             else
                 out << "NaN";
+            if (echo)
+                out << echoColumns(party, f);
             out << '\n';
         }
         out << "\n\n"; // one gnuplot data block per party
@@ -67,7 +96,8 @@ void writeReportData(const Call& call, const std::string& path)
         throw std::runtime_error("cannot write " + path);
 }
 
-void plotReport(const std::string& dataPath, unsigned parties, const std::string& picture)
+void plotReport(const std::string& dataPath, unsigned parties, const std::string& picture,
+                const std::vector<bool>& loudspeakers)
 {
     const unsigned n = parties;
     std::string script = "set terminal pngcairo size 1000," + std::to_string(260 * n) + " font ',9'\n" +
@@ -79,7 +109,8 @@ void plotReport(const std::string& dataPath, unsigned parties, const std::string
                   std::to_string(p) + " using 2:3 with lines title 'said', '' index " + std::to_string(p) +
                   " using 2:4 with lines title 'heard', '' index " + std::to_string(p) +
                   " using 2:6 axes x1y2 with points pt 7 ps 0.3 title 'jitter buffer ms', '' index " +
-                  std::to_string(p) + " using 2:($5>0?-75:NaN) with points pt 2 ps 0.6 title 'packet lost'\n";
+                  std::to_string(p) + " using 2:($5>0?-75:NaN) with points pt 2 ps 0.6 title 'packet lost'" +
+                  (p < loudspeakers.size() && loudspeakers[p] ? echoSeries(p) : std::string()) + "\n";
     script += "unset multiplot\n";
     const std::string scriptPath = dataPath + ".gp";
     std::ofstream(scriptPath) << script;

@@ -178,6 +178,8 @@ CallRecord recordsOf(const Call& call, const std::vector<std::string>& inputs,
             if (leg->to == p)
                 record.legs.push_back(legRecord(*leg));
         record.limitedFrames = party.limitedFrames;
+        if (party.loudspeakers)
+            record.echo = party.loudspeakers->record();
         record.frames = party.said.size() / FRAME_SAMPLES;
         records.parties.push_back(record);
     }

@@ -28,17 +28,19 @@ struct CallOptions {
     bool quiet = false;
     bool realTime = false;
     bool rtp = false;
-    std::string rtpCodec;         // with rtp: opus (when empty), pcma or pcmu
+    std::string rtpCodec;          // with rtp: opus (when empty), pcma or pcmu
+    bool aec = true;               // the echo canceller of parties on --echo
+    bool aecGiven = false;
     std::string capture, playback; // party 1's devices in real time; empty: a sound card when there is one
     sonranetsim::Config net;       // every leg's network and jitter buffer
-    std::vector<std::pair<std::string, std::string> > effects; // option, value: checked once parties are known
+    std::vector<std::pair<std::string, std::string> > effects; // option, value: checked once parties are known (--echo too)
 };
 
 // The command line; throws sonratool::UsageError.
 CallOptions parseCallOptions(int argc, char** argv);
 
 struct PartyConfig;
-// --voice, --reverb and --haas onto the parties they name.
+// --voice, --reverb, --haas and --echo onto the parties they name.
 void applyEffects(const CallOptions& options, std::vector<PartyConfig>& parties);
 
 // What one party heard from one peer.
@@ -53,9 +55,23 @@ struct LegRecord {
     double snrDb = 0;             // heard against said, frames aligned; infinite when exact
 };
 
+// What a party on loudspeakers (--echo) sent back of what it heard,
+// measured while it was silent itself (far-end single talk).
+struct EchoRecord {
+    bool loudspeakers = false;    // the party sat in a simulated room; nothing below is set otherwise
+    unsigned delayMs = 0;         // ms of the room's direct path
+    double gainDb = 0;            // dB of the room's direct path
+    std::string engine;           // the canceller that ran ("webrtc", "speex"); empty with --aec off
+    unsigned singleTalkMs = 0;    // ms measured: the far end's echo came back while the party was silent
+    double erleDb = 0;            // echo return loss enhancement from convergence to the end
+    int convergenceMs = -1;       // ms until the enhancement first reached 20 dB; -1: never
+    double farEndBelowSpeechDb = 0; // dB by which what the far end heard of its own voice stayed below it
+};
+
 struct PartyRecord {
     std::string said, heard;      // the input file; the heard WAV file (or "the sound card")
     std::vector<LegRecord> legs;  // by peer, in party order
+    EchoRecord echo;
     unsigned limitedFrames = 0;   // graph frames in which the mixer's limiter cut
     std::size_t frames = 0;       // graph frames of the call
 };
@@ -70,8 +86,10 @@ CallRecord runCall(const CallOptions& options,
                    const std::function<void(unsigned frame, unsigned frames)>& progress =
                        std::function<void(unsigned, unsigned)>());
 
-// Draws call-report.png from the report's data with gnuplot.
-void plotReport(const std::string& dataPath, unsigned parties, const std::string& picture);
+// Draws call-report.png from the report's data with gnuplot; parties on
+// loudspeakers get their echo before and after the canceller too.
+void plotReport(const std::string& dataPath, unsigned parties, const std::string& picture,
+                const std::vector<bool>& loudspeakers = std::vector<bool>());
 
 } // namespace sonracall
 
