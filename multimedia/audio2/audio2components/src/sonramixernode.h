@@ -11,6 +11,7 @@ struct SonraMixerNode_p;
 // into one frame, behind a soft limiter that recovers on timer ticks.
 class SonraMixerNode : public SonraNode {
 public:
+    // `frameDuration` (ms) and `sampleRate` (Hz) of the graph.
     SonraMixerNode(boost::shared_ptr<boost::asio::io_service> ioService, unsigned frameDuration, unsigned sampleRate);
     ~SonraMixerNode() override;
 

@@ -19,6 +19,7 @@ public:
     // payload is dropped whole on receipt: a cut codec frame is no frame.
     static const unsigned MAX_PAYLOAD_SIZE = 2048;
 
+    // `frameDuration` (ms) and `sampleRate` (Hz) of the graph.
     SonraRtpReceiverNode(boost::shared_ptr<boost::asio::io_service> ioService, unsigned int frameDuration,
                          unsigned int sampleRate);
     ~SonraRtpReceiverNode() override;
