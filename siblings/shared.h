@@ -14,15 +14,19 @@
 
 namespace ombrel {
 
+// How much a log record matters: debug records are written only for enabled
+// categories, warnings always.
 enum class LogSeverity { Debug, Warning };
 
+// One log record, as a sink receives it.
 struct LogRecord {
-    LogSeverity severity;
-    std::string category;
-    int level;
-    std::string text;
+    LogSeverity severity;  // debug or warning
+    std::string category;  // the subsystem that wrote it, such as "audio2"
+    int level;             // the debug level given to debug(); 0 for warnings
+    std::string text;      // the items streamed in, back to back
 };
 
+// Receives every record written; see setLogSink().
 typedef boost::function<void (const LogRecord&)> LogSink;
 
 // Replaces where records go (thread-safe); an empty sink restores the
@@ -32,6 +36,7 @@ void setLogSink(const LogSink& sink);
 // Debug records are dropped unless their category is enabled; warnings are
 // always written.
 void setDebugEnabled(const std::string& category, bool enabled);
+// Whether debug records of `category` are written.
 bool isDebugEnabled(const std::string& category);
 
 // Collects the items streamed into it during one statement and writes them
@@ -40,12 +45,18 @@ bool isDebugEnabled(const std::string& category);
 // quotes. A stream for a disabled category ignores its items cheaply.
 class DebugStream {
 public:
+    // A record of `severity` in `category` at debug `level`; `quoteTexts`
+    // sets the quoting flag. Usually made by debug() or warning().
     DebugStream(LogSeverity severity, const std::string& category, int level, bool quoteTexts);
+    // Takes over the record of `other`, which then writes nothing.
     DebugStream(DebugStream&& other) noexcept;
     DebugStream(const DebugStream&) = delete;
     DebugStream& operator=(const DebugStream&) = delete;
     ~DebugStream();
 
+    // Appends one item: a text, a truth value ("true" or "false"), a
+    // character or a number in decimal.
+    // @{
     DebugStream& operator<<(const char* text);
     DebugStream& operator<<(const std::string& text);
     DebugStream& operator<<(bool value);
@@ -57,7 +68,9 @@ public:
     DebugStream& operator<<(long long value);
     DebugStream& operator<<(unsigned long long value);
     DebugStream& operator<<(double value);
+    // @}
 
+    // Whether the record will be written (false for a disabled category).
     bool isActive() const { return m_active; }
 
 private:
@@ -72,6 +85,9 @@ private:
     std::string m_text;
 };
 
+// A debug record of `category` at `level`, written at the end of the
+// statement if the category is enabled: debug("audio2", 1, false) << "text".
+// `flag` sets the quoting flag.
 DebugStream debug(const std::string& category, int level, bool flag);
 
 namespace detail {
@@ -81,6 +97,8 @@ extern std::atomic<bool> g_anyDebugEnabled;
 // False when no debug category is enabled: a debug record would be dropped
 // whatever its category. One relaxed load, for per-frame code.
 inline bool anyDebugEnabled() { return detail::g_anyDebugEnabled.load(std::memory_order_relaxed); }
+// A warning record of `category`, written at the end of the statement;
+// `flag` sets the quoting flag.
 DebugStream warning(const std::string& category, bool flag);
 
 // Prints the failed expression, the function and the source path (from the

@@ -24,6 +24,7 @@ public:
     // Bit 1 (CAPTURE) asks for capture devices; without it, playback devices.
     enum DeviceType { PLAYBACK = 1, CAPTURE = 2 };
 
+    // A device as the sound system describes it.
     SonraDeviceInfo(const std::string& name, const std::string& hostApi, unsigned maxChannels,
                     double defaultSampleRate, bool isDefault, bool isVirtual);
     virtual ~SonraDeviceInfo();
@@ -32,10 +33,12 @@ public:
     const std::string& name() const { return m_name; }
     // The sound system the device belongs to ("ALSA", "JACK", ..., "virtual").
     const std::string& hostApi() const { return m_hostApi; }
+    // The most channels a stream of the device can have.
     unsigned maxChannels() const { return m_maxChannels; }
     double defaultSampleRate() const { return m_defaultSampleRate; } // Hz
     // The device an empty name stands for.
     bool isDefault() const { return m_isDefault; }
+    // Whether the device is a virtual one (no sound card).
     bool isVirtual() const { return m_isVirtual; }
 
 private:
@@ -60,7 +63,7 @@ public:
     unsigned frameDuration;       // ms, the length of one audio block
     unsigned playbackChannels;    // 0: no playback
     unsigned captureChannels;     // 0: no capture
-    boost::shared_ptr<boost::asio::io_service> ioService;
+    boost::shared_ptr<boost::asio::io_service> ioService; // the graph's service, for devices that post work
 };
 
 // A sound device that can run one stream at a time.
@@ -77,6 +80,7 @@ public:
     SonraDevice();
     virtual ~SonraDevice();
 
+    // The devices of `type` this device can open.
     virtual std::vector<boost::shared_ptr<SonraDeviceInfo> > devices(SonraDeviceInfo::DeviceType type) = 0;
     // Opens and starts a stream. Returns 0 when it runs; otherwise a
     // negative code, and `*message` (when not null) says why.
@@ -87,6 +91,7 @@ public:
     virtual void stop() = 0;
     // Once per graph frame, on the graph's thread.
     virtual void workCycle();
+    // Whether the device cleans captured voice itself; false here.
     virtual bool hasVoicePreprocessor();
     // The graph restarted its stream.
     virtual void reset();
@@ -99,6 +104,7 @@ public:
 class SonraDeviceBuilder {
 public:
     virtual ~SonraDeviceBuilder();
+    // A device at `sampleRate` Hz, with capture or for playback only.
     virtual boost::shared_ptr<SonraDevice> buildDevice(bool capture, unsigned sampleRate) = 0;
 };
 
@@ -124,6 +130,7 @@ public:
     static const char* const VIRTUAL_DEVICE;        // "virtual"
     static const char* const VIRTUAL_DEVICE_PREFIX; // "virtual:"
 
+    // `sampleRate`: Hz of the streams it opens.
     explicit SonraUniversalDevice(unsigned sampleRate);
     ~SonraUniversalDevice() override;
 

@@ -306,7 +306,7 @@ TEST(FilePlay, ConvertsAndPadsForSeamlessLoops)
 }
 
 // The size limit holds to the byte; missing -4, not audio -3 (logged with libsndfile's text), a directory -2, a name
-// the virtual file refuses -2. A failed start() leaves the node silent.
+// the virtual file refuses -2. A failed start() leaves the node silent; a file cut short plays what it holds.
 TEST(FilePlay, ResultCodes)
 {
     const std::string big = soundFile("1mib.wav", WAV, RATE, 1, std::vector<int16_t>((1048576 - 44) / 2, 100));
@@ -323,6 +323,12 @@ TEST(FilePlay, ResultCodes)
     LogCapture log("audio2");
     EXPECT_EQ(-3, player.start(tempPath("text.wav")));
     EXPECT_EQ(std::vector<std::string>{refusal("SonraFilePlayNode::start:")}, log.texts(LogSeverity::Warning));
+    const std::vector<char> flac = bytesOf(soundFile("long.flac", FLAC, RATE, 1, rampFrame(0, 16000, 16000)));
+    std::ofstream(tempPath("cut.flac"), std::ios::binary).write(flac.data(), flac.size() / 2);
+    ASSERT_EQ(0, player.start(tempPath("cut.flac")));
+    const std::vector<int16_t> held = player.play(60, 640);
+    EXPECT_TRUE(!held.empty() && held.size() < 12000) << held.size();
+    EXPECT_EQ(rampFrame(0, held.size(), held.size()), held) << "what the cut file holds, no silent rest";
     auto memory = boost::make_shared<SonraMemoryVSndFileVfs>("ramp", bytesOf(rampFile()));
     player.node->setVSndFile(memory.get());
     EXPECT_EQ(-2, player.start("other"));

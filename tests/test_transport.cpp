@@ -6,9 +6,9 @@
 #include "sonranetsimmodel.h"
 #include "testutil.h"
 
-#include <chrono>
 #include <climits>
 #include <cmath>
+#include <ctime>
 #include <map>
 #include <numeric>
 
@@ -252,9 +252,9 @@ TEST(Jbuf, HostileSequenceNumbers)
 
     JbufRig far;
     far.puts({1, 2});
-    const auto start = std::chrono::steady_clock::now();
+    const std::clock_t start = std::clock(); // processor time: a busy host does not count
     far.put(UINT_MAX); // four billion numbers ahead: costs one turn of the ring
-    EXPECT_LT(std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count(), 0.5);
+    EXPECT_LT(double(std::clock() - start) / CLOCKS_PER_SEC, 0.5);
     EXPECT_EQ(silentThen(18, UINT_MAX), far.gets(19));
     far.puts({21, 23}); // the head went on one number per get while the far frame waited: 22 is the lowest playable
     EXPECT_EQ(23u, far.get());

@@ -16,6 +16,7 @@ struct SonraDurationScalerNode_p;
 // a short input in split mode is handed out padded with silence.
 class SonraDurationScalerNode : public SonraNode {
 public:
+    // Re-chunks frames of `inFrameDuration` ms into frames of `outFrameDuration` ms at `sampleRate` Hz.
     SonraDurationScalerNode(boost::shared_ptr<boost::asio::io_service> ioService, unsigned inFrameDuration,
                             unsigned outFrameDuration, unsigned graphFrameDuration, unsigned sampleRate);
     ~SonraDurationScalerNode() override;

@@ -26,6 +26,10 @@ const int FILE_RESAMPLE_QUALITY = 5;
 // The store and the position are 32-bit byte counts.
 const uint64_t MAX_STORE_BYTES = std::numeric_limits<uint32_t>::max();
 
+// Bytes decoded per read while loading: the store grows by at most this much
+// beyond what the file has yielded so far.
+const uint64_t READ_CHUNK_BYTES = 65536;
+
 } // namespace
 
 struct SonraFilePlayNode_p {
@@ -118,20 +122,16 @@ int SonraFilePlayNode::load(const std::string& fileName, unsigned& channels)
         warning("audio2", false) << "SonraFilePlayNode::start: failed to open sndfile: " << sf_strerror(nullptr);
         return START_NOT_AUDIO;
     }
-    const uint64_t bytesPerFrame = static_cast<uint64_t>(info.channels) * 2;
-    const uint64_t frameBytes = static_cast<uint64_t>(frameSize()) * std::max(info.channels, 1);
-    // The position must be able to step one frame past the end.
-    if (info.frames < 1 || info.channels < 1 || info.samplerate < 1 ||
-        static_cast<uint64_t>(info.frames) > (MAX_STORE_BYTES - frameBytes) / bytesPerFrame)
+    if (info.frames < 1 || info.channels < 1 || info.samplerate < 1)
         return START_NOT_AUDIO;
-    d->m_samples.assign(static_cast<std::size_t>(info.frames * bytesPerFrame), 0);
-    sf_count_t framesRead = 0;
-    for (sf_count_t got = 1; got > 0 && framesRead < info.frames; framesRead += got > 0 ? got : 0)
-        got = sf_readf_short(file.get(), reinterpret_cast<short*>(d->m_samples.data() + framesRead * bytesPerFrame),
-                             info.frames - framesRead);
+    const sf_count_t framesRead = readWhole(file.get(), static_cast<unsigned>(info.channels), info.frames);
+    if (framesRead < 0)
+        return START_NOT_AUDIO; // longer than the store can hold
     if (framesRead != info.frames)
         warning("audio2", false) << "SonraFilePlayNode::start: File is corrupted, could not read some data from it: "
                                  << fileName;
+    if (framesRead == 0)
+        return START_NOT_AUDIO;
     file.reset();
     channels = static_cast<unsigned>(info.channels);
     setOutputChannels(channels);
@@ -139,6 +139,34 @@ int SonraFilePlayNode::load(const std::string& fileName, unsigned& channels)
         !convertRate(channels, static_cast<unsigned>(info.samplerate)))
         return START_NOT_AUDIO;
     return START_OK;
+}
+
+// Reads up to `headerFrames` frames into m_samples, growing the store only
+// as reads succeed: the header's count is a hint, and a hostile file may
+// claim far more than it holds. Returns the frames read, or -1 when the
+// store would outgrow its 32-bit limit.
+sf_count_t SonraFilePlayNode::readWhole(SNDFILE* file, unsigned channels, sf_count_t headerFrames)
+{
+    const uint64_t bytesPerFrame = uint64_t(channels) * 2;
+    // The position must be able to step one frame past the end.
+    const uint64_t limitBytes = MAX_STORE_BYTES - uint64_t(frameSize()) * channels;
+    const sf_count_t chunkFrames = std::max<sf_count_t>(1, sf_count_t(READ_CHUNK_BYTES / bytesPerFrame));
+    std::vector<char>& store = d->m_samples;
+    sf_count_t framesRead = 0;
+    while (framesRead < headerFrames) {
+        const sf_count_t want = std::min(chunkFrames, headerFrames - framesRead);
+        if (uint64_t(framesRead + want) * bytesPerFrame > limitBytes)
+            return -1;
+        store.resize(std::size_t(framesRead + want) * bytesPerFrame);
+        short* const end = reinterpret_cast<short*>(store.data() + framesRead * bytesPerFrame);
+        const sf_count_t got = sf_readf_short(file, end, want);
+        if (got <= 0)
+            break;
+        framesRead += got;
+    }
+    store.resize(std::size_t(framesRead) * bytesPerFrame);
+    store.shrink_to_fit();
+    return framesRead;
 }
 
 // Converts the whole store to the graph's rate in one pass, then pads it
@@ -155,7 +183,7 @@ bool SonraFilePlayNode::convertRate(unsigned channels, unsigned fileRate)
     const float capacity = std::roundf(2.0f * (static_cast<float>(sampleRate()) / static_cast<float>(fileRate) *
                                                static_cast<float>(frames)));
     const uint64_t frameBytes = static_cast<uint64_t>(frameSize()) * channels;
-    if (!(capacity >= 0) || capacity * bytesPerFrame + frameBytes > MAX_STORE_BYTES)
+    if (!(capacity >= 0) || double(capacity) * double(bytesPerFrame) + double(frameBytes) > double(MAX_STORE_BYTES))
         return false;
     std::vector<char> converted(static_cast<std::size_t>(capacity) * bytesPerFrame);
     spx_uint32_t inFrames = static_cast<spx_uint32_t>(frames);

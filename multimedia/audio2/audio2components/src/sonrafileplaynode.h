@@ -17,7 +17,10 @@ struct SonraFilePlayNode_p;
 // in a loop. start() decodes the whole file into memory and converts it to
 // the graph's sample rate in one pass; each doProcess() then copies one
 // frame out. Converted files are padded with silence to whole frames, so a
-// loop wraps without a gap. A source: it has no input; mix it in.
+// loop wraps without a gap. A source: it has no input; mix it in. Memory
+// follows what the file yields, not what its header claims: a file that
+// ends early plays what it held (with a warning), one that yields nothing
+// is refused.
 //
 //     auto player = boost::make_shared<SonraFilePlayNode>(io, SonraFilePlayNode::DEFAULT_MAX_FILESIZE, 20, 16000);
 //     unsigned channels = 0;
@@ -70,6 +73,7 @@ public:
 private:
     int checkPlainFile(const std::string& fileName) const;
     int load(const std::string& fileName, unsigned& channels);
+    sf_count_t readWhole(SNDFILE* file, unsigned channels, sf_count_t headerFrames);
     bool convertRate(unsigned channels, unsigned fileRate);
 
     boost::scoped_ptr<SonraFilePlayNode_p> d;

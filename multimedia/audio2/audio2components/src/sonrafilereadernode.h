@@ -32,6 +32,7 @@ public:
     // Codes the completion callback receives from the node itself.
     enum { CODE_FAILED = -2, CODE_FINISHED = -4 };
 
+    // `frameDuration` (ms) and `sampleRate` (Hz) of the graph.
     SonraFileReaderNode(boost::shared_ptr<boost::asio::io_service> ioService, unsigned frameDuration,
                         unsigned sampleRate);
     // Stops with -4.
@@ -56,6 +57,7 @@ public:
     void stop(int code);
     // Output pauses (empty frames) without moving the file.
     void pause();
+    // Output continues where pause() left it.
     void resume();
     // Moves to `seconds` from the file's start; a position past the end
     // changes nothing.

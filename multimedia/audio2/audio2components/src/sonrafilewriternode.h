@@ -30,6 +30,7 @@ public:
     // Format written: SF_FORMAT_OGG | SF_FORMAT_VORBIS.
     static const int FILE_FORMAT = 0x200060;
 
+    // `frameDuration` (ms) and `sampleRate` (Hz) of the graph.
     SonraFileWriterNode(boost::shared_ptr<boost::asio::io_service> ioService, unsigned frameDuration,
                         unsigned sampleRate);
     // Stops, finishing the file.
@@ -49,6 +50,7 @@ public:
     void stop();
     // Suspends recording and flushes what was written so far.
     void pause();
+    // Recording continues into the same file.
     void resume();
     // Moves the write position to `seconds` from the start.
     void seek(unsigned seconds);

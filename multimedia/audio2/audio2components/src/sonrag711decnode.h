@@ -13,6 +13,7 @@ struct SonraG711DecNode_p;
 // 8000 Hz.
 class SonraG711DecNode : public SonraNode {
 public:
+    // The G.711 law.
     enum Mode : int32_t {
         MODE_ALAW = 1, // G.711 A-law, the default
         MODE_ULAW = 2  // G.711 mu-law
@@ -20,6 +21,7 @@ public:
 
     static constexpr unsigned G711_RATE = 8000; // Hz, the only sample rate
 
+    // `frameDuration` (ms) and `sampleRate` (Hz) of the graph.
     SonraG711DecNode(boost::shared_ptr<boost::asio::io_service> ioService, unsigned frameDuration, unsigned sampleRate);
     ~SonraG711DecNode() override;
 
@@ -27,6 +29,7 @@ public:
     // while the graph runs: a frame is converted wholly in one mode. Any
     // value other than MODE_ALAW selects mu-law.
     void setMode(Mode mode);
+    // The law setMode() chose.
     Mode mode() const;
 
     boost::shared_ptr<std::vector<char> > doProcess() override;

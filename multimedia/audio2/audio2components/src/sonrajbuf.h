@@ -84,6 +84,7 @@ public:
     // The frame due now, or an empty pointer.
     boost::shared_ptr<SonraJbufFrame_p> getFrame();
 
+    // Counts of what was put and played.
     SonraJbufStatistics statistics() const;
 
     // Set by the owner: recovery on or off (keeps the frames), and whether
@@ -131,21 +132,27 @@ private:
 // thread-safe: the owner serialises every call.
 class SonraJbuf : private boost::noncopyable {
 public:
+    // `frameDuration`: ms of audio each frame holds.
     explicit SonraJbuf(unsigned int frameDuration);
     virtual ~SonraJbuf();
 
     // Resets: everything buffered is dropped.
     void setFrameDuration(unsigned int frameDuration);
+    // Playout delays, ms, each a multiple of the frame duration.
     void setDelays(unsigned int initialDelay, unsigned int minDelay, unsigned int maxDelay,
                    unsigned int extraJitterDelay);
+    // The periods are not used; like the other settings it resets.
     void setDelayRecalcPeriods(unsigned int, unsigned int);
 
     // The clock (ms) that stamps frames; an empty callable removes it.
     // Frames already buffered keep their stamps.
     void setTimeHandler(boost::function<unsigned int ()> handler);
+    // The time the time handler gives now, ms.
     unsigned int currentTime() const;
 
+    // Drops everything buffered and starts anew.
     void reset();
+    // Stores a received `frame` with its sequence number and timestamp.
     void putFrame(boost::shared_ptr<std::vector<char> > frame, unsigned int seqNum, unsigned int timeStamp);
     // 0 when a frame was delivered into `frame` (and the non-null pointers),
     // 1 when nothing is due; `frame` is then left as it was.
@@ -178,6 +185,7 @@ public:
     // and delay spikes neither pull it down too early nor catch it short.
     // Resets: everything buffered is dropped.
     enum PlayoutPolicy : int32_t { PLAYOUT_INITIAL_DELAY = 0, PLAYOUT_ADAPTIVE = 1, PLAYOUT_HISTOGRAM = 2 };
+    // Chooses how the playout delay follows the jitter.
     void setPlayoutPolicy(PlayoutPolicy policy);
     static double PLAYOUT_TOO_OLD_TARGET;    // share of frames put, 0..1
     static unsigned PLAYOUT_SHARE_FRAMES;    // frames

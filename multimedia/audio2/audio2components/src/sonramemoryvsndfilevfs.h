@@ -38,11 +38,13 @@ public:
     void setFile(const std::string& fileName, std::vector<char> bytes);
     // The bytes stored under `fileName`; empty when there is none.
     std::vector<char> file(const std::string& fileName) const;
+    // Whether bytes are stored under `fileName`.
     bool hasFile(const std::string& fileName) const;
 
     bool open(const std::string& fileName, int mode) override;
     void close() override;
     boost::shared_ptr<SF_VIRTUAL_IO> virtualIo() override;
+    // This object itself, shared.
     boost::shared_ptr<SonraVSndFileVfs> vfs() override;
 
 private:

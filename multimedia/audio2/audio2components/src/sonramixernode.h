@@ -15,6 +15,7 @@ public:
     // gain drops so that it comes out at 0.9 of the level.
     static constexpr int32_t LIMIT_LEVEL = 28672;
 
+    // `frameDuration` (ms) and `sampleRate` (Hz) of the graph.
     SonraMixerNode(boost::shared_ptr<boost::asio::io_service> ioService, unsigned frameDuration, unsigned sampleRate);
     ~SonraMixerNode() override;
 

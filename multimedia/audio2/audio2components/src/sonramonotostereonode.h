@@ -18,6 +18,7 @@ public:
     // Delay of the right channel in ms given to every new node.
     static int32_t DEFAULT_DELAY;
 
+    // `frameDuration` (ms) and `sampleRate` (Hz) of the graph.
     SonraMonoToStereoNode(boost::shared_ptr<boost::asio::io_service> ioService, unsigned frameDuration,
                           unsigned sampleRate);
     ~SonraMonoToStereoNode() override;

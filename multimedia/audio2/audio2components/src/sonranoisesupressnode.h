@@ -12,6 +12,7 @@ struct SonraNoiseSupressNode_p;
 // stereo). A frame that is not exactly one full frame passes untouched.
 class SonraNoiseSupressNode : public SonraNode {
 public:
+    // `frameDuration` (ms) and `sampleRate` (Hz) of the graph.
     SonraNoiseSupressNode(boost::shared_ptr<boost::asio::io_service> ioService, unsigned frameDuration,
                           unsigned sampleRate);
     ~SonraNoiseSupressNode() override;

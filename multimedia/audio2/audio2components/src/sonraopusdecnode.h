@@ -13,6 +13,7 @@ struct SonraOpusDecNode_p;
 // frame either; loss concealment and in-band FEC recovery are opt-in.
 class SonraOpusDecNode : public SonraNode {
 public:
+    // `frameDuration` (ms) and `sampleRate` (Hz) of the graph.
     SonraOpusDecNode(boost::shared_ptr<boost::asio::io_service> ioService, unsigned frameDuration, unsigned sampleRate);
     ~SonraOpusDecNode() override;
 

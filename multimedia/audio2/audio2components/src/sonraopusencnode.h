@@ -14,6 +14,7 @@ struct SonraOpusEncNode_p;
 // frame is dropped.
 class SonraOpusEncNode : public SonraNode {
 public:
+    // `frameDuration` (ms) and `sampleRate` (Hz) of the graph.
     SonraOpusEncNode(boost::shared_ptr<boost::asio::io_service> ioService, unsigned frameDuration, unsigned sampleRate);
     ~SonraOpusEncNode() override;
 

@@ -45,9 +45,9 @@ public:
     // after a `left` above 256 counts as a counter that wrapped.
     static bool seqNumLeftLessRight(const unsigned& left, const unsigned& right);
 
-    boost::shared_ptr<std::vector<char> > m_data;
-    SonraPacketHeader* m_header;
-    char* m_payload;
+    boost::shared_ptr<std::vector<char> > m_data; // the whole packet
+    SonraPacketHeader* m_header;  // the header, at the start of m_data
+    char* m_payload;              // the payload, right after the header
 };
 
 } // namespace ombrel

@@ -30,6 +30,7 @@ public:
     bool open(const std::string& fileName, int mode) override;
     void close() override;
     boost::shared_ptr<SF_VIRTUAL_IO> virtualIo() override;
+    // This object itself, shared.
     boost::shared_ptr<SonraVSndFileVfs> vfs() override;
 
 private:

@@ -17,6 +17,7 @@ struct SonraReceiverNode_p;
 // Not thread-safe: the caller serialises dataReceived with the graph.
 class SonraReceiverNode : public SonraNode {
 public:
+    // `frameDuration` (ms) and `sampleRate` (Hz) of the graph.
     SonraReceiverNode(boost::shared_ptr<boost::asio::io_service> ioService, unsigned int frameDuration,
                       unsigned int sampleRate);
     ~SonraReceiverNode() override;
@@ -35,6 +36,7 @@ public:
     void setPlayoutPolicy(SonraJbuf::PlayoutPolicy policy);
     // One received datagram; fewer than 12 bytes are ignored.
     void dataReceived(boost::shared_ptr<std::vector<char> > data);
+    // The jitter buffer's counts.
     SonraJbufStatistics statistics() const;
 
     // Realigns the packet phase; the jitter buffer keeps its frames.

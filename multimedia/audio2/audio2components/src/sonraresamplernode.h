@@ -22,6 +22,7 @@ public:
     // SpeexDSP quality (0 to 10) of every resampler state created from now on.
     static int32_t RESAMPLE_QUALITY;
 
+    // Converts frames of `frameDuration` ms from `inSampleRate` to `outSampleRate` Hz.
     SonraResamplerNode(boost::shared_ptr<boost::asio::io_service> ioService,
                        unsigned inSampleRate, unsigned outSampleRate, unsigned frameDuration);
     ~SonraResamplerNode() override;

@@ -16,6 +16,7 @@ public:
     static int32_t DEFAULT_DELAY; // ms, given to every new node
     static float DEFAULT_DECAY;   // echo gain given to every new node
 
+    // `frameDuration` (ms) and `sampleRate` (Hz) of the graph.
     SonraReverbNode(boost::shared_ptr<boost::asio::io_service> ioService, unsigned frameDuration,
                     unsigned sampleRate);
     ~SonraReverbNode() override;

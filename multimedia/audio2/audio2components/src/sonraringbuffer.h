@@ -14,6 +14,7 @@ struct SonraRingBuffer_p;
 // outruns the writer gets zeros after the real bytes. Sizes are in bytes.
 class SonraRingBuffer : private boost::noncopyable {
 public:
+    // `size`: bytes the ring holds.
     explicit SonraRingBuffer(unsigned int size);
     virtual ~SonraRingBuffer();
 

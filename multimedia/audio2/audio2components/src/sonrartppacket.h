@@ -28,8 +28,10 @@ public:
     SonraRtpPacket(boost::shared_ptr<std::vector<char> > data, unsigned int seqNum, unsigned int timeStamp,
                    unsigned int ssrc, int);
 
+    // The RTP timestamp, in samples.
     unsigned int timeStamp() const;
     unsigned int seqNum() const; // 0 to 65535
+    // The synchronisation source.
     unsigned int ssrc() const;
     unsigned int payloadType() const; // low 7 bits of byte 1
     bool marker() const;
@@ -43,9 +45,9 @@ public:
     std::size_t payloadBegin() const; // bytes from the start of m_data
     std::size_t payloadEnd() const;   // bytes from the start of m_data, the padding excluded
 
-    boost::shared_ptr<std::vector<char> > m_data;
-    uint8_t* m_header;
-    char* m_payload;
+    boost::shared_ptr<std::vector<char> > m_data; // the whole packet
+    uint8_t* m_header;            // the header, at the start of m_data
+    char* m_payload;              // the payload, right after the header
 };
 
 } // namespace ombrel

@@ -74,6 +74,7 @@ public:
     // far, whichever is longer, plus one graph frame of the stream has come.
     static unsigned MIN_START_DELAY;
 
+    // `frameDuration` (ms) and `sampleRate` (Hz) of the graph.
     SonraRtpReceiverNode(boost::shared_ptr<boost::asio::io_service> ioService, unsigned int frameDuration,
                          unsigned int sampleRate);
     ~SonraRtpReceiverNode() override;

@@ -22,6 +22,7 @@ struct SonraRtpSenderNode_p;
 // one thread at a time.
 class SonraRtpSenderNode : public SonraNode {
 public:
+    // `frameDuration` (ms) and `sampleRate` (Hz) of the graph.
     SonraRtpSenderNode(boost::shared_ptr<boost::asio::io_service> ioService, unsigned int frameDuration,
                        unsigned int sampleRate);
     ~SonraRtpSenderNode() override;
@@ -40,6 +41,7 @@ public:
     // Runs on the graph thread, inside doProcess(); replace or clear it only
     // from that thread or while the graph is stopped.
     void setSendHandler(boost::function<void (boost::shared_ptr<std::vector<char> >)> handler);
+    // Packets are dropped from now on.
     void clearSendHandler();
 
     // The RTP timestamp advances by one frame's samples per tick.

@@ -14,6 +14,7 @@ struct SonraSenderNode_p;
 // and the stream time, and hands it to the send handler. Outputs nothing.
 class SonraSenderNode : public SonraNode {
 public:
+    // `frameDuration` (ms) and `sampleRate` (Hz) of the graph.
     SonraSenderNode(boost::shared_ptr<boost::asio::io_service> ioService, unsigned int frameDuration,
                     unsigned int sampleRate);
     ~SonraSenderNode() override;
@@ -21,6 +22,7 @@ public:
     // Runs on the graph thread, inside doProcess(); replace or clear it only
     // from that thread or while the graph is stopped.
     void setSendHandler(boost::function<void (boost::shared_ptr<std::vector<char> >)> handler);
+    // Packets are dropped from now on.
     void clearSendHandler();
 
     // The stream time advances by one frame duration per tick.

@@ -14,6 +14,7 @@ struct SonraVoiceChangeNode_p;
 // frame through untouched (the very same frame buffer).
 class SonraVoiceChangeNode : public SonraNode {
 public:
+    // The voices setVoiceType() offers.
     enum Voice : int32_t {
         NORMAL = 0,
         LOWER = 1,
@@ -24,11 +25,13 @@ public:
 
     // Pitch factor of each voice (frequency ratio), read at each
     // setVoiceType(); any other Voice value takes PITCH_NORMAL.
+    // @{
     static float PITCH_NORMAL;
     static float PITCH_LOWER;
     static float PITCH_LOWEST;
     static float PITCH_HIGHER;
     static float PITCH_HIGHEST;
+    // @}
 
     // `enabled` false builds no pitch shifter: the node then stays a
     // pass-through for its whole life.
@@ -38,6 +41,7 @@ public:
 
     // Takes effect from the next frame; ignored without a pitch shifter.
     void setVoiceType(Voice voice);
+    // The voice setVoiceType() chose.
     Voice voiceType() const;
 
     // Drops every sample the pitch shifter holds.

@@ -11,14 +11,18 @@ struct SonraVolumeNode_p;
 // the same soft limiter as the mixer.
 class SonraVolumeNode : public SonraNode {
 public:
+    // `frameDuration` (ms) and `sampleRate` (Hz) of the graph.
     SonraVolumeNode(boost::shared_ptr<boost::asio::io_service> ioService, unsigned frameDuration, unsigned sampleRate);
     ~SonraVolumeNode() override;
 
     // A value within 0.001 of 1.0 is stored as exactly 1.0. Every call
     // returns the limiter gain to 1.0.
     void setVolume(float volume);
+    // The gain setVolume() set.
     float volume() const;
+    // A muted node outputs silence; the volume is kept.
     void setMuted(bool muted);
+    // Whether setMuted(true) is in force.
     bool isMuted() const;
 
     void timerTick() override;

@@ -41,6 +41,7 @@ class SonraVSndFile {
 public:
     virtual ~SonraVSndFile();
 
+    // The file access the nodes read and write through.
     virtual boost::shared_ptr<SonraVSndFileVfs> vfs() = 0;
 };
 
