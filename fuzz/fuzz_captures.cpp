@@ -41,9 +41,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size)
     const u_char* captured = nullptr;
     while (pcap_next_ex(pcap, &header, &captured) == 1) {
         const Bytes frame(captured, captured + header->caplen);
-        Bytes payload;
-        if (!sonratool::framePayload(pcap_datalink(pcap), frame.data(), frame.size(), payload))
+        sonratool::Datagram datagram;
+        if (!sonratool::readFrame(pcap_datalink(pcap), frame.data(), frame.size(), datagram))
             continue;
+        const Bytes& payload = datagram.payload;
         FUZZ_CHECK(next < read.size() && read[next].payload == payload && liesAfterUdpHeader(frame, payload));
         FUZZ_CHECK(read[next++].arrival == header->ts.tv_sec + header->ts.tv_usec / 1e6);
     }

@@ -167,7 +167,7 @@ bool readableLinkType(int linkType)
            linkType == DLT_IPV6;
 }
 
-bool framePayload(int linkType, const unsigned char* frame, std::size_t size, Bytes& payload)
+bool readFrame(int linkType, const unsigned char* frame, std::size_t size, Datagram& datagram)
 {
     std::size_t skip = 0; // bytes of link-layer header
     if (linkType == DLT_EN10MB) {
@@ -184,7 +184,7 @@ bool framePayload(int linkType, const unsigned char* frame, std::size_t size, By
     } else if (linkType == DLT_NULL || linkType == DLT_LOOP) {
         skip = 4;
     }
-    return size > skip && udpPayload(frame + skip, size - skip, payload);
+    return size > skip && udpPayload(frame + skip, size - skip, datagram.payload);
 }
 
 namespace {
@@ -201,7 +201,7 @@ std::vector<Datagram> readOpenCapture(pcap_t* pcap, const std::string& name)
     const u_char* data = nullptr;
     while (pcap_next_ex(pcap, &header, &data) == 1) {
         Datagram datagram;
-        if (framePayload(linkType, data, header->caplen, datagram.payload)) {
+        if (readFrame(linkType, data, header->caplen, datagram)) {
             datagram.arrival = header->ts.tv_sec + header->ts.tv_usec / 1e6;
             datagrams.push_back(datagram);
         }

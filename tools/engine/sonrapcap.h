@@ -41,12 +41,12 @@ private:
 // The UDP payload of an IP packet, or false.
 bool udpPayload(const unsigned char* ip, std::size_t size, Bytes& payload);
 
-// Whether framePayload() reads frames of this pcap link type.
+// Whether readFrame() reads frames of this pcap link type.
 bool readableLinkType(int linkType);
 
-// The UDP payload of one captured frame (`size` bytes as captured) of a
-// readable link type, or false.
-bool framePayload(int linkType, const unsigned char* frame, std::size_t size, Bytes& payload);
+// The datagram (all but its arrival) of one captured frame, `size` bytes
+// as captured, of a readable link type; false for a frame that holds none.
+bool readFrame(int linkType, const unsigned char* frame, std::size_t size, Datagram& datagram);
 
 // Every UDP payload of a capture (a file, or pcap or pcapng bytes in
 // memory), in capture order.
