@@ -127,6 +127,10 @@ void syllable(std::vector<double>& out, std::size_t at, std::size_t frames, unsi
 
 // ------------------------------------------------------------ SonraEchoPath
 
+// Defined here too: std::min binds them by reference.
+const unsigned SonraEchoPath::MAX_DELAY_MS;
+const unsigned SonraEchoPath::MAX_TAIL_MS;
+
 SonraEchoPath::SonraEchoPath() : delayMs(40), gainDb(-6.0), tailMs(300), tailDb(-6.0), noiseDb(-70.0), seed(1) {}
 
 // ------------------------------------------------------------ SonraEchoRoom

@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <cstdio>
+#include <memory>
 #include <stdexcept>
 
 namespace sonratool {
@@ -158,6 +160,57 @@ bool udpPayload(const unsigned char* ip, std::size_t size, Bytes& payload)
     return true;
 }
 
+bool readableLinkType(int linkType)
+{
+    return linkType == DLT_EN10MB || linkType == DLT_LINUX_SLL || linkType == DLT_LINUX_SLL2 ||
+           linkType == DLT_NULL || linkType == DLT_LOOP || linkType == DLT_RAW || linkType == DLT_IPV4 ||
+           linkType == DLT_IPV6;
+}
+
+bool readFrame(int linkType, const unsigned char* frame, std::size_t size, Datagram& datagram)
+{
+    std::size_t skip = 0; // bytes of link-layer header
+    if (linkType == DLT_EN10MB) {
+        skip = 14;
+        while (skip <= size && (get16(frame + skip - 2) == 0x8100 || get16(frame + skip - 2) == 0x88a8))
+            skip += 4; // VLAN tags
+        const unsigned etherType = skip <= size ? get16(frame + skip - 2) : 0;
+        if (etherType != 0x0800 && etherType != 0x86dd)
+            return false;
+    } else if (linkType == DLT_LINUX_SLL) {
+        skip = 16;
+    } else if (linkType == DLT_LINUX_SLL2) {
+        skip = 20;
+    } else if (linkType == DLT_NULL || linkType == DLT_LOOP) {
+        skip = 4;
+    }
+    return size > skip && udpPayload(frame + skip, size - skip, datagram.payload);
+}
+
+namespace {
+
+// Reads every packet of an open capture, then closes it.
+std::vector<Datagram> readOpenCapture(pcap_t* pcap, const std::string& name)
+{
+    const std::unique_ptr<pcap_t, void (*)(pcap_t*)> closer(pcap, pcap_close);
+    const int linkType = pcap_datalink(pcap);
+    if (!readableLinkType(linkType))
+        throw std::runtime_error(name + ": link type " + std::to_string(linkType) + " is not supported");
+    std::vector<Datagram> datagrams;
+    pcap_pkthdr* header = nullptr;
+    const u_char* data = nullptr;
+    while (pcap_next_ex(pcap, &header, &data) == 1) {
+        Datagram datagram;
+        if (readFrame(linkType, data, header->caplen, datagram)) {
+            datagram.arrival = header->ts.tv_sec + header->ts.tv_usec / 1e6;
+            datagrams.push_back(datagram);
+        }
+    }
+    return datagrams;
+}
+
+} // namespace
+
 // Every UDP payload of a capture, in capture order.
 std::vector<Datagram> readUdpCapture(const std::string& path)
 {
@@ -165,38 +218,21 @@ std::vector<Datagram> readUdpCapture(const std::string& path)
     pcap_t* pcap = pcap_open_offline(path.c_str(), error);
     if (!pcap)
         throw std::runtime_error("cannot read " + path + ": " + error);
-    const int linkType = pcap_datalink(pcap);
-    std::vector<Datagram> datagrams;
-    pcap_pkthdr* header = nullptr;
-    const u_char* data = nullptr;
-    while (pcap_next_ex(pcap, &header, &data) == 1) {
-        std::size_t skip = 0, size = header->caplen;
-        if (linkType == DLT_EN10MB) {
-            skip = 14;
-            while (skip <= size && (get16(data + skip - 2) == 0x8100 ||
-                                    get16(data + skip - 2) == 0x88a8))
-                skip += 4; // VLAN tags
-            const unsigned etherType = skip <= size ? get16(data + skip - 2) : 0;
-            if (etherType != 0x0800 && etherType != 0x86dd)
-                continue;
-        } else if (linkType == DLT_LINUX_SLL) {
-            skip = 16;
-        } else if (linkType == DLT_LINUX_SLL2) {
-            skip = 20;
-        } else if (linkType == DLT_NULL || linkType == DLT_LOOP) {
-            skip = 4;
-        } else if (linkType != DLT_RAW && linkType != DLT_IPV4 && linkType != DLT_IPV6) {
-            pcap_close(pcap);
-            throw std::runtime_error(path + ": link type " + std::to_string(linkType) + " is not supported");
-        }
-        Datagram datagram;
-        if (size > skip && udpPayload(data + skip, size - skip, datagram.payload)) {
-            datagram.arrival = header->ts.tv_sec + header->ts.tv_usec / 1e6;
-            datagrams.push_back(datagram);
-        }
+    return readOpenCapture(pcap, path);
+}
+
+std::vector<Datagram> readUdpCapture(const unsigned char* bytes, std::size_t size)
+{
+    // libpcap reads a capture from a FILE; fmemopen makes one of the bytes.
+    FILE* file = size ? fmemopen(const_cast<unsigned char*>(bytes), size, "rb") : nullptr;
+    char error[PCAP_ERRBUF_SIZE] = "";
+    pcap_t* pcap = file ? pcap_fopen_offline(file, error) : nullptr;
+    if (!pcap) {
+        if (file)
+            std::fclose(file); // closed with the capture only once it opened
+        throw std::runtime_error(std::string("cannot read the capture: ") + (file ? error : "it is empty"));
     }
-    pcap_close(pcap);
-    return datagrams;
+    return readOpenCapture(pcap, "the capture");
 }
 
 } // namespace sonratool

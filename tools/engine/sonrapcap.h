@@ -41,8 +41,17 @@ private:
 // The UDP payload of an IP packet, or false.
 bool udpPayload(const unsigned char* ip, std::size_t size, Bytes& payload);
 
-// Every UDP payload of a capture, in capture order.
+// Whether readFrame() reads frames of this pcap link type.
+bool readableLinkType(int linkType);
+
+// The datagram (all but its arrival) of one captured frame, `size` bytes
+// as captured, of a readable link type; false for a frame that holds none.
+bool readFrame(int linkType, const unsigned char* frame, std::size_t size, Datagram& datagram);
+
+// Every UDP payload of a capture (a file, or pcap or pcapng bytes in
+// memory), in capture order.
 std::vector<Datagram> readUdpCapture(const std::string& path);
+std::vector<Datagram> readUdpCapture(const unsigned char* bytes, std::size_t size);
 
 } // namespace sonratool
 
