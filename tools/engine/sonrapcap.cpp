@@ -88,6 +88,25 @@ Bytes ipPacket(bool v4, const Bytes& source, const Bytes& destination, const Byt
     return packet;
 }
 
+// The addresses from the IP header, the ports from the UDP header.
+void setEndpoints(const unsigned char* ip, const unsigned char* udp, Datagram& datagram)
+{
+    boost::asio::ip::address from, to;
+    if (ip[0] >> 4 == 4) {
+        boost::asio::ip::address_v4::bytes_type source, destination;
+        std::copy(ip + 12, ip + 16, source.begin());
+        std::copy(ip + 16, ip + 20, destination.begin());
+        from = boost::asio::ip::address_v4(source), to = boost::asio::ip::address_v4(destination);
+    } else {
+        boost::asio::ip::address_v6::bytes_type source, destination;
+        std::copy(ip + 8, ip + 24, source.begin());
+        std::copy(ip + 24, ip + 40, destination.begin());
+        from = boost::asio::ip::address_v6(source), to = boost::asio::ip::address_v6(destination);
+    }
+    datagram.from = boost::asio::ip::udp::endpoint(from, static_cast<unsigned short>(get16(udp)));
+    datagram.to = boost::asio::ip::udp::endpoint(to, static_cast<unsigned short>(get16(udp + 2)));
+}
+
 } // namespace
 
 PcapWriter::PcapWriter(const std::string& path) : m_pcap(pcap_open_dead(DLT_RAW, 65535))
@@ -121,7 +140,7 @@ void PcapWriter::write(const boost::asio::ip::udp::endpoint& from, const boost::
 }
 
 // The UDP payload of an IP packet, or false.
-bool udpPayload(const unsigned char* ip, std::size_t size, Bytes& payload)
+bool udpPayload(const unsigned char* ip, std::size_t size, Bytes& payload, std::size_t* udpOffset)
 {
     if (size < 1)
         return false;
@@ -155,11 +174,13 @@ bool udpPayload(const unsigned char* ip, std::size_t size, Bytes& payload)
     if (end < offset + 8)
         return false;
     payload.assign(ip + offset + 8, ip + end);
+    if (udpOffset)
+        *udpOffset = offset;
     return true;
 }
 
 // Every UDP payload of a capture, in capture order.
-std::vector<Datagram> readUdpCapture(const std::string& path)
+std::vector<Datagram> readUdpCapture(const std::string& path, std::string* ending)
 {
     char error[PCAP_ERRBUF_SIZE] = "";
     pcap_t* pcap = pcap_open_offline(path.c_str(), error);
@@ -169,7 +190,8 @@ std::vector<Datagram> readUdpCapture(const std::string& path)
     std::vector<Datagram> datagrams;
     pcap_pkthdr* header = nullptr;
     const u_char* data = nullptr;
-    while (pcap_next_ex(pcap, &header, &data) == 1) {
+    int status = 0;
+    while ((status = pcap_next_ex(pcap, &header, &data)) == 1) {
         std::size_t skip = 0, size = header->caplen;
         if (linkType == DLT_EN10MB) {
             skip = 14;
@@ -190,11 +212,16 @@ std::vector<Datagram> readUdpCapture(const std::string& path)
             throw std::runtime_error(path + ": link type " + std::to_string(linkType) + " is not supported");
         }
         Datagram datagram;
-        if (size > skip && udpPayload(data + skip, size - skip, datagram.payload)) {
+        std::size_t udpOffset = 0;
+        if (size > skip && udpPayload(data + skip, size - skip, datagram.payload, &udpOffset)) {
             datagram.arrival = header->ts.tv_sec + header->ts.tv_usec / 1e6;
+            setEndpoints(data + skip, data + skip + udpOffset, datagram);
+            datagram.cut = get16(data + skip + udpOffset + 4) > datagram.payload.size() + 8;
             datagrams.push_back(datagram);
         }
     }
+    if (status == PCAP_ERROR && ending)
+        *ending = pcap_geterr(pcap);
     pcap_close(pcap);
     return datagrams;
 }
