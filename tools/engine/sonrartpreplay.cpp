@@ -73,8 +73,8 @@ int replay(const RtpOptions& options)
     path.report(stdout, 0);
     for (const auto& type : stream.payloadTypes)
         if (codecOf(type.first, options.payloadTypes) == SonraRtpReceiverNode::CODEC_NONE)
-            std::printf("not played %zu packets of payload type %u (--payload-type %u=CODEC to map it)\n", type.second,
-                        type.first, type.first);
+            std::printf("not played %zu packets of payload type %u (not mapped: --payload-type %u=%s)\n", type.second,
+                        type.first, type.first, likelyCodec(stream, type.first).c_str());
     if (path.statistics().packetsPlayed == 0)
         throw std::runtime_error("nothing of the stream could be played");
     return 0;

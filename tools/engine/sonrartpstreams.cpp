@@ -58,13 +58,13 @@ double durationOf(const Datagram& datagram, Codec codec)
     return 0;
 }
 
-// Whether the RTP timestamps step by the Opus frames the packets hold.
-bool looksLikeOpus(const RtpStream& stream)
+// Whether the RTP timestamps of a payload type step by the Opus frames its packets hold.
+bool looksLikeOpus(const RtpStream& stream, unsigned payloadType)
 {
     std::size_t agree = 0, pairs = 0;
     for (std::size_t i = 1; i < stream.datagrams.size() && pairs < 50; ++i) {
         const sonratool::Bytes &a = stream.datagrams[i - 1]->payload, &b = stream.datagrams[i]->payload;
-        if (seqOf(b) != ((seqOf(a) + 1) & 0xffff) || a[1] != b[1])
+        if (seqOf(b) != ((seqOf(a) + 1) & 0xffff) || a[1] != b[1] || (a[1] & 0x7f) != payloadType)
             continue;
         ++pairs;
         agree += uint32_t(timestampOf(b) - timestampOf(a)) ==
@@ -102,11 +102,18 @@ void summarise(RtpStream& stream, const PayloadTypeMap& map)
     if (mainCount == 0) // comfort noise or events only
         stream.mainPayloadType = stream.payloadTypes.begin()->first;
     stream.lost = std::size_t(*numbers.rbegin() - *numbers.begin() + 1) - numbers.size();
-    if (stream.codec(map) == SonraRtpReceiverNode::CODEC_NONE && looksLikeOpus(stream))
-        stream.likelyCodec = "opus";
 }
 
 } // namespace
+
+std::string likelyCodec(const RtpStream& stream, unsigned payloadType)
+{
+    bool events = true; // RFC 4733: 4 bytes an event, codes up to 255
+    for (const Datagram* datagram : stream.datagrams)
+        if ((datagram->payload[1] & 0x7f) == payloadType)
+            events = events && datagram->payload.size() == 16;
+    return looksLikeOpus(stream, payloadType) ? "opus" : events ? "telephone-event" : "CODEC";
+}
 
 Codec RtpStream::codec(const PayloadTypeMap& map) const
 {
@@ -156,7 +163,7 @@ const RtpStream& pickStream(const std::vector<RtpStream>& streams, const RtpOpti
     if (best)
         return *best;
     if (unmapped && codecOf(unmapped->mainPayloadType, options.payloadTypes) == SonraRtpReceiverNode::CODEC_NONE)
-        throw std::runtime_error(unmappedMessage(unmapped->mainPayloadType, unmapped->likelyCodec));
+        throw std::runtime_error(unmappedMessage(unmapped->mainPayloadType, likelyCodec(*unmapped, unmapped->mainPayloadType)));
     char ssrc[16];
     std::snprintf(ssrc, sizeof ssrc, "0x%08X", unsigned(options.ssrc));
     throw std::runtime_error("no " + std::string(unmapped ? "audio " : "plausible ") + "RTP stream" +

@@ -25,11 +25,15 @@ struct RtpStream {
     std::size_t advancing = 0;   // packets numbered 1 to 100 after the one before
     double audioSeconds = 0;     // s, the audio the packets carry
     unsigned mainPayloadType = 0; // the most frequent, comfort noise and events aside
-    std::string likelyCodec = "CODEC"; // for an unmapped main type: "opus" when the packets say so
 
     double seconds() const { return datagrams.back()->arrival - datagrams.front()->arrival; }
     Codec codec(const PayloadTypeMap& map) const;
 };
+
+// What an unmapped payload type of the stream most likely carries, for the
+// refusal's advice: "opus" when its timestamps step by the Opus frames the
+// packets hold, "telephone-event" for 4-byte events, else "CODEC".
+std::string likelyCodec(const RtpStream& stream, unsigned payloadType);
 
 // The plausible RTP streams among `datagrams`, in order of their first packet.
 std::vector<RtpStream> findStreams(const std::vector<sonratool::Datagram>& datagrams, const PayloadTypeMap& map);
