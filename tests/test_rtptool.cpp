@@ -9,6 +9,7 @@
 #include <boost/asio/ip/udp.hpp>
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <chrono>
 #include <csignal>
 #include <cstdlib>
@@ -233,4 +234,53 @@ TEST_F(RtpTool, SaysClearlyWhatIsWrong)
         EXPECT_EQ(e.exitCode, exitCode) << e.arguments;
         EXPECT_NE(std::string::npos, output.find(e.text)) << output;
     }
+}
+
+// Item 3's flood (half of it RTP-looking, payload type 8, random numbers) from one address, and a second stream from
+// another once ours has begun: recv plays ours whole and nothing of the rest.
+TEST_F(RtpTool, RecvPlaysItsSourceWholeThroughAFloodAndASecondStream)
+{
+    const sonratest::Samples source = sonratest::speechLike(8000, 24000); // 3 s
+    ASSERT_TRUE(sonratest::writeWav(in, source, 8000, 1));
+    sonratest::Samples reference;
+    for (int16_t sample : source)
+        reference.push_back(ombrel::alaw2linear(ombrel::linear2alaw(sample)));
+    const unsigned port = freePort();
+    int exitCode = -1;
+    auto receiver = std::async(std::launch::async, [&] {
+        return run(TOOL + " recv --bind 127.0.0.1 --port " + std::to_string(port) + " --out " + out + " --seconds 10 --idle 0.5",
+                   &exitCode);
+    });
+    waitUntilListening(port);
+    std::atomic<bool> sending(true);
+    std::thread flood([&] {
+        boost::asio::io_service io;
+        using boost::asio::ip::udp;
+        const udp::endpoint to(boost::asio::ip::address_v4::loopback(), static_cast<unsigned short>(port));
+        udp::socket junk(io, udp::endpoint(udp::v4(), 0)), other(io, udp::endpoint(udp::v4(), 0));
+        std::mt19937 random(19);
+        const auto start = std::chrono::steady_clock::now();
+        for (unsigned i = 0, seq = 0; sending; ++i) { // 4545 a second, as 50,000 in 11 s
+            std::vector<unsigned char> bytes(12 + random() % 160);
+            std::generate(bytes.begin(), bytes.end(), [&random] { return static_cast<unsigned char>(random()); });
+            bytes[0] = i % 2 ? bytes[0] : 0x80, bytes[1] = i % 2 ? bytes[1] : 8;
+            junk.send_to(boost::asio::buffer(bytes), to);
+            if (i > 2300 && i % 90 == 0) { // 50 a second from half a second on, SSRC 9
+                std::vector<unsigned char> packet = {0x80, 8, uint8_t(seq >> 8), uint8_t(seq), 0, 0, 0, 0, 0, 0, 0, 9};
+                packet.resize(172, 0x2a), ++seq;
+                other.send_to(boost::asio::buffer(packet), to);
+            }
+            std::this_thread::sleep_until(start + std::chrono::microseconds(220 * i));
+        }
+    });
+    const std::string sent = run(TOOL + " send " + in + " --to 127.0.0.1:" + std::to_string(port));
+    sending = false;
+    flood.join();
+    const std::string received = receiver.get();
+    ASSERT_EQ(0, exitCode) << received;
+    const std::size_t played = received.find("played ");
+    ASSERT_NE(std::string::npos, played) << received;
+    EXPECT_GE(std::stoul(received.substr(played + 7)), 149u) << received; // of 150: a flood packet's SSRC may break the first run
+    EXPECT_EQ(std::string::npos, received.find(" 0 from another address")) << received;
+    expectExactCopy(reference, sonratest::readWav(out).samples, source.size());
 }

@@ -23,6 +23,8 @@ namespace {
 
 typedef std::chrono::steady_clock Clock;
 
+const int RECEIVE_BUFFER_SIZE = 4 << 20; // bytes
+
 void listen(const RtpOptions& options, udp::socket& socket)
 {
     boost::system::error_code error;
@@ -33,6 +35,11 @@ void listen(const RtpOptions& options, udp::socket& socket)
     socket.open(local.protocol(), error);
     if (!error)
         socket.bind(local, error);
+    // Room for a burst or a flood while the graph is busy: the kernel drops what does not fit, the real stream's
+    // packets too. It caps the size at its own limit; a smaller buffer is no error.
+    boost::system::error_code ignored;
+    if (!error)
+        socket.set_option(udp::socket::receive_buffer_size(RECEIVE_BUFFER_SIZE), ignored);
     if (error)
         throw std::runtime_error("cannot listen on UDP port " + std::to_string(options.port) + " of " +
                                  options.bind + ": " + error.message());
