@@ -61,7 +61,6 @@ struct ReceivePath {
 
     void datagram(const char* data, std::size_t size);
     void frame();
-    // How many audio packets so far were handed on or refused.
     SonraRtpReceiverNode::Statistics statistics() const { return receiver->statistics(); }
     // The counts, one per line; `otherAddress`: datagrams the tool refused
     // from another source address.
