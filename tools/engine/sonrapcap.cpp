@@ -90,6 +90,25 @@ Bytes ipPacket(bool v4, const Bytes& source, const Bytes& destination, const Byt
     return packet;
 }
 
+// The addresses from the IP header, the ports from the UDP header.
+void setEndpoints(const unsigned char* ip, const unsigned char* udp, Datagram& datagram)
+{
+    boost::asio::ip::address from, to;
+    if (ip[0] >> 4 == 4) {
+        boost::asio::ip::address_v4::bytes_type source, destination;
+        std::copy(ip + 12, ip + 16, source.begin());
+        std::copy(ip + 16, ip + 20, destination.begin());
+        from = boost::asio::ip::address_v4(source), to = boost::asio::ip::address_v4(destination);
+    } else {
+        boost::asio::ip::address_v6::bytes_type source, destination;
+        std::copy(ip + 8, ip + 24, source.begin());
+        std::copy(ip + 24, ip + 40, destination.begin());
+        from = boost::asio::ip::address_v6(source), to = boost::asio::ip::address_v6(destination);
+    }
+    datagram.from = boost::asio::ip::udp::endpoint(from, static_cast<unsigned short>(get16(udp)));
+    datagram.to = boost::asio::ip::udp::endpoint(to, static_cast<unsigned short>(get16(udp + 2)));
+}
+
 } // namespace
 
 PcapWriter::PcapWriter(const std::string& path) : m_pcap(pcap_open_dead(DLT_RAW, 65535))
@@ -123,7 +142,7 @@ void PcapWriter::write(const boost::asio::ip::udp::endpoint& from, const boost::
 }
 
 // The UDP payload of an IP packet, or false.
-bool udpPayload(const unsigned char* ip, std::size_t size, Bytes& payload)
+bool udpPayload(const unsigned char* ip, std::size_t size, Bytes& payload, std::size_t* udpOffset)
 {
     if (size < 1)
         return false;
@@ -157,6 +176,8 @@ bool udpPayload(const unsigned char* ip, std::size_t size, Bytes& payload)
     if (end < offset + 8)
         return false;
     payload.assign(ip + offset + 8, ip + end);
+    if (udpOffset)
+        *udpOffset = offset;
     return true;
 }
 
@@ -184,13 +205,20 @@ bool readFrame(int linkType, const unsigned char* frame, std::size_t size, Datag
     } else if (linkType == DLT_NULL || linkType == DLT_LOOP) {
         skip = 4;
     }
-    return size > skip && udpPayload(frame + skip, size - skip, datagram.payload);
+    std::size_t udpOffset = 0;
+    if (size <= skip || !udpPayload(frame + skip, size - skip, datagram.payload, &udpOffset))
+        return false;
+    setEndpoints(frame + skip, frame + skip + udpOffset, datagram);
+    datagram.cut = get16(frame + skip + udpOffset + 4) > datagram.payload.size() + 8;
+    return true;
 }
 
 namespace {
 
-// Reads every packet of an open capture, then closes it.
-std::vector<Datagram> readOpenCapture(pcap_t* pcap, const std::string& name)
+// Reads every packet of an open capture, then closes it. When the capture
+// ends in the middle of a packet, `ending` (when given) gets libpcap's
+// account of it, and the datagrams before it are returned.
+std::vector<Datagram> readOpenCapture(pcap_t* pcap, const std::string& name, std::string* ending = nullptr)
 {
     const std::unique_ptr<pcap_t, void (*)(pcap_t*)> closer(pcap, pcap_close);
     const int linkType = pcap_datalink(pcap);
@@ -199,26 +227,29 @@ std::vector<Datagram> readOpenCapture(pcap_t* pcap, const std::string& name)
     std::vector<Datagram> datagrams;
     pcap_pkthdr* header = nullptr;
     const u_char* data = nullptr;
-    while (pcap_next_ex(pcap, &header, &data) == 1) {
+    int status = 0;
+    while ((status = pcap_next_ex(pcap, &header, &data)) == 1) {
         Datagram datagram;
         if (readFrame(linkType, data, header->caplen, datagram)) {
             datagram.arrival = header->ts.tv_sec + header->ts.tv_usec / 1e6;
             datagrams.push_back(datagram);
         }
     }
+    if (status == PCAP_ERROR && ending)
+        *ending = pcap_geterr(pcap);
     return datagrams;
 }
 
 } // namespace
 
 // Every UDP payload of a capture, in capture order.
-std::vector<Datagram> readUdpCapture(const std::string& path)
+std::vector<Datagram> readUdpCapture(const std::string& path, std::string* ending)
 {
     char error[PCAP_ERRBUF_SIZE] = "";
     pcap_t* pcap = pcap_open_offline(path.c_str(), error);
     if (!pcap)
         throw std::runtime_error("cannot read " + path + ": " + error);
-    return readOpenCapture(pcap, path);
+    return readOpenCapture(pcap, path, ending);
 }
 
 std::vector<Datagram> readUdpCapture(const unsigned char* bytes, std::size_t size)

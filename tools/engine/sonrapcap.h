@@ -18,6 +18,8 @@ typedef std::vector<unsigned char> Bytes;
 struct Datagram {
     double arrival = 0; // s since the epoch, as captured
     Bytes payload;      // the UDP payload
+    boost::asio::ip::udp::endpoint from, to;
+    bool cut = false;   // captured shorter than it was sent (the capture's snap length)
 };
 
 // Records datagrams sent from one endpoint to another.
@@ -38,8 +40,9 @@ private:
     unsigned m_identification = 0; // of the next IPv4 packet
 };
 
-// The UDP payload of an IP packet, or false.
-bool udpPayload(const unsigned char* ip, std::size_t size, Bytes& payload);
+// The UDP payload of an IP packet, or false; `udpOffset`, when given, gets
+// where the UDP header starts (bytes from `ip`).
+bool udpPayload(const unsigned char* ip, std::size_t size, Bytes& payload, std::size_t* udpOffset = nullptr);
 
 // Whether readFrame() reads frames of this pcap link type.
 bool readableLinkType(int linkType);
@@ -49,8 +52,10 @@ bool readableLinkType(int linkType);
 bool readFrame(int linkType, const unsigned char* frame, std::size_t size, Datagram& datagram);
 
 // Every UDP payload of a capture (a file, or pcap or pcapng bytes in
-// memory), in capture order.
-std::vector<Datagram> readUdpCapture(const std::string& path);
+// memory), in capture order. When the file ends in the middle of a packet,
+// `ending` (when given) gets libpcap's account of it, and the datagrams
+// before it are returned.
+std::vector<Datagram> readUdpCapture(const std::string& path, std::string* ending = nullptr);
 std::vector<Datagram> readUdpCapture(const unsigned char* bytes, std::size_t size);
 
 } // namespace sonratool

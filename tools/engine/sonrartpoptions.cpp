@@ -6,9 +6,59 @@
 
 namespace sonrartp {
 
+using ombrel::SonraRtpReceiverNode;
+
 using sonratool::UsageError;
 using sonratool::number;
 using sonratool::whole;
+
+namespace {
+
+const struct {
+    const char* name;
+    Codec codec;
+} CODECS[] = {{"pcma", SonraRtpReceiverNode::CODEC_PCMA},
+              {"pcmu", SonraRtpReceiverNode::CODEC_PCMU},
+              {"opus", SonraRtpReceiverNode::CODEC_OPUS},
+              {"cn", SonraRtpReceiverNode::CODEC_COMFORT_NOISE},
+              {"telephone-event", SonraRtpReceiverNode::CODEC_TELEPHONE_EVENT}};
+
+Codec codecNamed(const std::string& option, const std::string& name, bool audioOnly)
+{
+    for (const auto& known : CODECS)
+        if (name == known.name && (!audioOnly || known.codec <= SonraRtpReceiverNode::CODEC_OPUS))
+            return known.codec;
+    throw UsageError(option + " wants " + (audioOnly ? "pcma, pcmu or opus" : "pcma, pcmu, opus, cn or telephone-event") +
+                     ", not \"" + name + "\"");
+}
+
+// "PT=CODEC"
+std::pair<unsigned, Codec> payloadTypeMapping(const std::string& option, const std::string& value)
+{
+    const std::string::size_type equals = value.find('=');
+    if (equals == std::string::npos)
+        throw UsageError(option + " wants PT=CODEC, not \"" + value + "\"");
+    return {whole(option, value.substr(0, equals), 0, 127), codecNamed(option, value.substr(equals + 1), false)};
+}
+
+void checkPtime(const RtpOptions& options)
+{
+    const bool opus = options.codec == SonraRtpReceiverNode::CODEC_OPUS;
+    for (unsigned ms : {10u, 20u, 30u, 40u, 60u})
+        if (options.ptime == ms && !(opus && ms == 30))
+            return;
+    throw UsageError(opus ? "--ptime for opus wants 10, 20, 40 or 60" : "--ptime wants 10, 20, 30, 40 or 60");
+}
+
+} // namespace
+
+std::string codecName(Codec codec)
+{
+    for (const auto& known : CODECS)
+        if (codec == known.codec)
+            return known.name;
+    return "none";
+}
 
 RtpOptions parseRtpOptions(int argc, char** argv)
 {
@@ -44,13 +94,19 @@ RtpOptions parseRtpOptions(int argc, char** argv)
         else if (arg == "--ssrc") {
             options.ssrc = whole(arg, value, 0, 4294967295.0);
             options.hasSsrc = true;
-        } else
+        } else if (arg == "--payload-type")
+            options.payloadTypes.push_back(payloadTypeMapping(arg, value));
+        else if (arg == "--codec")
+            options.codec = codecNamed(arg, value, true);
+        else if (arg == "--ptime")
+            options.ptime = whole(arg, value, 1, 1000);
+        else
             throw UsageError("unknown option " + arg);
     }
     if (positional.empty())
-        throw UsageError("expected send, recv or replay");
+        throw UsageError("expected send, recv, replay or streams");
     options.command = positional[0];
-    const bool wantsFile = options.command == "send" || options.command == "replay";
+    const bool wantsFile = options.command == "send" || options.command == "replay" || options.command == "streams";
     if (positional.size() != (wantsFile ? 2u : 1u))
         throw UsageError(wantsFile ? options.command + " wants one file" : "unexpected " + positional.back());
     if (wantsFile)
@@ -61,8 +117,11 @@ RtpOptions parseRtpOptions(int argc, char** argv)
         throw UsageError("recv wants --port PORT");
     if ((options.command == "recv" || options.command == "replay") && options.output.empty())
         throw UsageError(options.command + " wants --out FILE.wav");
-    if (options.command != "send" && options.command != "recv" && options.command != "replay")
+    if (options.command != "send" && options.command != "recv" && options.command != "replay" &&
+        options.command != "streams")
         throw UsageError("unknown command \"" + options.command + "\"");
+    if (options.command == "send")
+        checkPtime(options);
     return options;
 }
 

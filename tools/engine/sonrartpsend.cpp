@@ -6,6 +6,7 @@
 #include "sonrasoundfile.h"
 
 #include "sonradevnode.h"
+#include "sonraopusencnode.h"
 #include "sonrartppacket.h"
 #include "sonrartpsendernode.h"
 
@@ -24,6 +25,9 @@ using boost::asio::ip::udp;
 using sonratool::UsageError;
 
 namespace {
+
+// The dynamic payload type Opus is sent with unless --payload-type names another.
+const unsigned DEFAULT_OPUS_PAYLOAD_TYPE = 111;
 
 double wallClock() // s since the epoch
 {
@@ -49,12 +53,12 @@ udp::endpoint resolve(boost::asio::io_service& io, const std::string& hostPort)
 
 // The samples of one frame at a time from the whole signal; the last frame
 // is completed with silence.
-Frame nextFrame(const std::vector<int16_t>& samples, std::size_t& position)
+Frame nextFrame(const std::vector<int16_t>& samples, std::size_t frameSamples, std::size_t& position)
 {
     if (position >= samples.size())
         return Frame();
-    std::vector<int16_t> frame(FRAME_SAMPLES, 0);
-    const std::size_t count = std::min<std::size_t>(FRAME_SAMPLES, samples.size() - position);
+    std::vector<int16_t> frame(frameSamples, 0);
+    const std::size_t count = std::min<std::size_t>(frameSamples, samples.size() - position);
     std::copy(samples.begin() + position, samples.begin() + position + count, frame.begin());
     position += count;
     auto bytes = boost::make_shared<std::vector<char> >(frame.size() * 2);
@@ -123,13 +127,36 @@ void runUntilSent(const boost::shared_ptr<boost::asio::io_service>& io, const bo
     pipe->clear();
 }
 
+// The payload type written: the one --payload-type gives the codec, else its static or usual dynamic one.
+unsigned wirePayloadType(const RtpOptions& options)
+{
+    for (const auto& mapping : options.payloadTypes)
+        if (mapping.second == options.codec)
+            return mapping.first;
+    return options.codec == SonraRtpReceiverNode::CODEC_OPUS ? DEFAULT_OPUS_PAYLOAD_TYPE
+           : options.codec == SonraRtpReceiverNode::CODEC_PCMU ? 0u : 8u;
+}
+
+// One packet per graph frame: the graph's frame lasts the packet time.
+boost::shared_ptr<SonraNode> encoderFor(const RtpOptions& options, const boost::shared_ptr<boost::asio::io_service>& io,
+                                        unsigned rate)
+{
+    if (options.codec == SonraRtpReceiverNode::CODEC_OPUS)
+        return boost::make_shared<SonraOpusEncNode>(io, options.ptime, rate);
+    auto g711 = boost::make_shared<SonraG711EncNode>(io, options.ptime, rate);
+    g711->setMode(options.codec == SonraRtpReceiverNode::CODEC_PCMU ? SonraG711EncNode::MODE_ULAW
+                                                                    : SonraG711EncNode::MODE_ALAW);
+    return g711;
+}
+
 } // namespace
 
 int send(const RtpOptions& options)
 {
     auto io = boost::make_shared<boost::asio::io_service>();
     const udp::endpoint to = resolve(*io, options.to);
-    const std::vector<int16_t> samples = sonratool::readMono(options.input, RATE);
+    const unsigned rate = rateOf(options.codec), frameSamples = rate * options.ptime / 1000;
+    const std::vector<int16_t> samples = sonratool::readMono(options.input, rate);
     udp::socket socket(*io);
     openSendSocket(*io, to, options.to, socket);
     std::unique_ptr<sonratool::PcapWriter> capture;
@@ -138,17 +165,21 @@ int send(const RtpOptions& options)
 
     std::size_t position = 0;
     Sent sent;
-    auto source = boost::make_shared<SonraDevNode>([&]() { return nextFrame(samples, position); }, io,
-                                                   FRAME_DURATION, RATE);
-    auto encoder = boost::make_shared<SonraG711EncNode>(io, FRAME_DURATION, RATE);
-    auto sender = boost::make_shared<SonraRtpSenderNode>(io, FRAME_DURATION, RATE);
+    auto source = boost::make_shared<SonraDevNode>([&]() { return nextFrame(samples, frameSamples, position); }, io,
+                                                   options.ptime, rate);
+    const boost::shared_ptr<SonraNode> encoder = encoderFor(options, io, rate);
+    auto sender = boost::make_shared<SonraRtpSenderNode>(io, options.ptime, rate);
+    const unsigned payloadType = wirePayloadType(options);
+    sender->setWirePayloadType(payloadType);
+    sender->setClockRate(rate); // G.711 and Opus (RFC 7587) both count at the rate they are encoded at here
     sender->setSendHandler([&](Frame packet) { sendEach(packet, socket, to, capture.get(), sent); });
-    auto pipe = boost::make_shared<SonraPipe>(FRAME_DURATION);
+    auto pipe = boost::make_shared<SonraPipe>(options.ptime);
     pipe->connect(source, encoder);
     pipe->connect(encoder, sender);
     runUntilSent(io, pipe, [&]() { return position >= samples.size(); });
-    std::fprintf(stderr, "sonra-rtp: sent %zu packets (%.2f s) to %s, SSRC 0x%08x%s\n", sent.packets,
-                 sent.packets * FRAME_DURATION / 1000.0, options.to.c_str(), sent.ssrc,
+    std::fprintf(stderr, "sonra-rtp: sent %zu packets (%.2f s, %s, payload type %u, %u ms each) to %s, SSRC 0x%08x%s\n",
+                 sent.packets, sent.packets * options.ptime / 1000.0, codecName(options.codec).c_str(), payloadType,
+                 options.ptime, options.to.c_str(), sent.ssrc,
                  sent.failed ? (", " + std::to_string(sent.failed) + " failed").c_str() : "");
     return 0;
 }
