@@ -110,7 +110,7 @@ TEST(NetSimTool, PlaysAFileThroughALosslessNetworkExactly)
     const std::string dir = std::string(folder) + "/";
     ASSERT_EQ(0, std::system(("sox -n -r 44100 -c 2 -b 16 " + dir + "in.wav synth 1.0 sine 440 sine 660 gain -6")
                                  .c_str()));
-    const std::string summary = shell(tool + " " + dir + "in.wav " + dir + "out.wav --codec pcm --delay 30").output;
+    const std::string summary = shell(tool + " " + dir + "in.wav " + dir + "out.wav --plain --codec pcm --delay 30").output;
     EXPECT_NE(std::string::npos, summary.find("packets sent                    50")) << summary;
     EXPECT_NE(std::string::npos, summary.find("SNR, frames aligned       exact")) << summary;
     EXPECT_EQ("16000 1\n", shell("echo $(soxi -r " + dir + "out.wav) $(soxi -c " + dir + "out.wav)").output);

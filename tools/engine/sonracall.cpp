@@ -243,6 +243,8 @@ void Call::addLeg(unsigned from, unsigned to)
         sonranetsim::ClientPathBuilder(m_config.net, receiving.io, *receiving.pipe).receiveHalf();
     leg.receiver = half.receiver;
     leg.output = half.output;
+    // A decoder that waits for each packet's successor plays it a frame late.
+    leg.result.outputLag = m_config.net.fecLoss > 0 ? 1 : 0;
 }
 
 // G.711 back to the call's rate, from a socket on 127.0.0.1.
