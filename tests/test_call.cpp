@@ -93,6 +93,7 @@ TEST_F(Call, LossesCountedAreTheLossesTheNetworkModelMade)
                 lost += network.arrivals(seq, 20 * (seq - 1)).empty();
             EXPECT_EQ(lost, leg.lost) << from << "->" << to;
             EXPECT_EQ(leg.sent - lost, leg.played);
+            EXPECT_DOUBLE_EQ(100.0 * lost / leg.sent, leg.lossPercent); // no FEC here: every loss is unheard
             total += lost;
         }
     EXPECT_NEAR(60, total, 25); // 10% of 6 x 100 packets

@@ -159,6 +159,7 @@ public:
 
     const std::vector<std::unique_ptr<Party> >& parties() const { return m_parties; }
     const std::vector<std::unique_ptr<Leg> >& legs() const { return m_legs; }
+    const CallConfig& config() const { return m_config; }
 
     // Leg k (from party A to party B, in the order 1->2, 1->3, ..., 2->1, ...)
     // draws from seed + k, so that no two legs lose the same packets.
