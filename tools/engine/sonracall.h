@@ -192,8 +192,9 @@ private:
 };
 
 // Per party and graph frame of a finished call, for gnuplot: levels said
-// and heard (dBFS), packets lost on the way in, jitter-buffer residence of
-// what was played (ms).
+// and heard (dBFS), and per peer the jitter-buffer residence of what was
+// played (ms) and the frames lost, late, rebuilt by FEC and concealed; per
+// party a title line with each direction's MOS and counts.
 void writeReportData(const Call& call, const std::string& path);
 
 } // namespace sonracall
