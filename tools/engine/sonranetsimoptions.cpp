@@ -89,6 +89,8 @@ bool fileOption(const std::string& arg, const std::string& value, NetsimOptions&
         options.writeScenario = value;
     else if (arg == "--trace")
         options.trace = value;
+    else if (arg == "--sweep")
+        options.sweep = value;
     else
         return false;
     return true;
@@ -180,10 +182,12 @@ NetsimOptions parseNetsimOptions(int argc, char** argv)
     // command line that asks for them is told.
     if (config.codec == Codec::Pcm && !pending.recoveryGiven)
         config.concealment = config.fecLoss = 0;
-    if (pending.positional.size() != 2)
-        throw UsageError("expected INPUT and OUTPUT.wav");
+    const std::size_t files = options.sweep.empty() ? 2 : 1;
+    if (pending.positional.size() != files)
+        throw UsageError(files == 2 ? "expected INPUT and OUTPUT.wav" : "--sweep: expected INPUT only");
     options.input = pending.positional[0];
-    options.output = pending.positional[1];
+    if (files == 2)
+        options.output = pending.positional[1];
     config.network.jitterKind = config.network.jitter > 0 ? pending.jitterKind : JitterKind::None;
     checkPath(config);
     if (!pending.scenarioFile.empty())
