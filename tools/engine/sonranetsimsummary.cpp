@@ -80,8 +80,8 @@ void printSummary(const NetsimOptions& options, const Result& result)
                 "                          what was heard in its place; lower is better)\n",
                 s.spectralDistance, s.spectralFrames);
     const Listening heard = listeningOf(result, config);
-    std::printf("E-model                   MOS %.2f, R %.1f (mouth to ear %.1f ms; FEC rebuilt %u packets, %u frames\n"
-                "                          concealed; unheard %.1f%% of the packets, burst ratio %.2f)\n",
+    std::printf("E-model                   MOS %.2f, R %.1f (mouth to ear %.1f ms; packets FEC rebuilt %u, frames\n"
+                "                          concealed %u; unheard %.1f%% of the packets, burst ratio %.2f)\n",
                 heard.rating.mos, heard.rating.r, heard.mouthToEarMs, heard.rebuilt, heard.concealed,
                 heard.lossPercent, heard.burstRatio);
 }
