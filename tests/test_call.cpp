@@ -11,6 +11,7 @@
 #include <algorithm>
 #include <functional>
 #include <string>
+#include <tuple>
 
 namespace {
 
@@ -134,4 +135,18 @@ TEST_F(Call, OverRtpLoopbackSocketsEveryPacketArrives)
         EXPECT_EQ(100u, party.legs[0].rtpSent);
         EXPECT_EQ(party.legs[0].rtpSent, party.legs[0].rtpReceived);
     }
+}
+
+TEST(CallOptions, AListenersDefaultsUnlessPlain)
+{
+    char tool[] = "sonra-call", plain[] = "--plain", plc[] = "--plc", none[] = "0";
+    char* listener[] = {tool, plc, none};
+    char* library[] = {tool, plain};
+    const sonranetsim::Config chosen = sonracall::parseCallOptions(3, listener).net;
+    EXPECT_TRUE(chosen.jitterBuffer.adaptive && chosen.jitterBuffer.recovery);
+    EXPECT_EQ(0u, chosen.concealment); // an option still overrides
+    EXPECT_EQ(10u, chosen.fecLoss);
+    const sonranetsim::Config own = sonracall::parseCallOptions(2, library).net, shipped;
+    EXPECT_EQ(std::make_tuple(shipped.jitterBuffer.adaptive, shipped.concealment, shipped.fecLoss),
+              std::make_tuple(own.jitterBuffer.adaptive, own.concealment, own.fecLoss));
 }
