@@ -13,6 +13,7 @@
 #include <algorithm>
 #include <functional>
 #include <string>
+#include <tuple>
 
 namespace {
 
@@ -95,6 +96,7 @@ TEST_F(Call, LossesCountedAreTheLossesTheNetworkModelMade)
                 lost += network.arrivals(seq, 20 * (seq - 1)).empty();
             EXPECT_EQ(lost, leg.lost) << from << "->" << to;
             EXPECT_EQ(leg.sent - lost, leg.played);
+            EXPECT_DOUBLE_EQ(100.0 * lost / leg.sent, leg.lossPercent); // no FEC here: every loss is unheard
             total += lost;
         }
     EXPECT_NEAR(60, total, 25); // 10% of 6 x 100 packets
@@ -178,4 +180,18 @@ TEST_F(Call, OnLoudspeakersTheFarEndHearsItsOwnVoiceOnlyWithoutTheCanceller)
             EXPECT_LT(echo.farEndBelowSpeechDb, 10.0);
         }
     }
+}
+
+TEST(CallOptions, AListenersDefaultsUnlessPlain)
+{
+    char tool[] = "sonra-call", plain[] = "--plain", plc[] = "--plc", none[] = "0";
+    char* listener[] = {tool, plc, none};
+    char* library[] = {tool, plain};
+    const sonranetsim::Config chosen = sonracall::parseCallOptions(3, listener).net;
+    EXPECT_TRUE(chosen.jitterBuffer.adaptive && chosen.jitterBuffer.recovery);
+    EXPECT_EQ(0u, chosen.concealment); // an option still overrides
+    EXPECT_EQ(10u, chosen.fecLoss);
+    const sonranetsim::Config own = sonracall::parseCallOptions(2, library).net, shipped;
+    EXPECT_EQ(std::make_tuple(shipped.jitterBuffer.adaptive, shipped.concealment, shipped.fecLoss),
+              std::make_tuple(own.jitterBuffer.adaptive, own.concealment, own.fecLoss));
 }

@@ -29,11 +29,13 @@ const char* const USAGE =
     "usage: sonra-call [options]\n"
     "\n"
     "Runs a voice call (or a conference) between parties that each run a whole client:\n"
-    "microphone, noise suppression, volume, Opus encoder and sender; per peer a receiver\n"
-    "with its adaptive jitter buffer and an Opus decoder; a mixer with a notification\n"
-    "sound; volume and playback. A seeded network model joins every two parties. The\n"
-    "call runs faster than real time on virtual devices and gives the same result for\n"
-    "the same seed.\n"
+    "microphone, noise suppression, volume, Opus encoder (with in-band FEC) and sender; per\n"
+    "peer a receiver with its adaptive jitter buffer and an Opus decoder that conceals short\n"
+    "gaps and rebuilds lost packets from FEC; a mixer with a notification sound; volume and\n"
+    "playback. A seeded network model joins every two parties. The call runs faster than\n"
+    "real time on virtual devices and gives the same result for the same seed. The summary\n"
+    "rates every direction with the E-model (MOS, R) from its mouth-to-ear delay and the\n"
+    "loss left after FEC and concealment.\n"
     "\n"
     "parties:\n"
     "  --parties N            parties in the call (2)\n"
@@ -56,7 +58,12 @@ const char* const USAGE =
     "  --scenario FILE        replay a scenario on every leg, as sonra-netsim --scenario\n"
     "  --delays I,MIN,MAX,X   jitter buffer delays, ms (the receiver's own defaults)\n"
     "  --recovery on|off      jitter buffers re-anchor on a restarted or re-numbered stream (on)\n"
-    "  --policy fixed|adaptive  jitter buffers play the initial delay, or follow the network (fixed)\n"
+    "  --policy fixed|adaptive  jitter buffers play the initial delay, or follow the network (adaptive)\n"
+    "  --plc MS               the Opus decoders conceal up to MS of each gap (60; 0: none)\n"
+    "  --fec PCT              Opus in-band FEC set for PCT % loss, and decoders that wait a frame\n"
+    "                         to rebuild a lost packet from its successor (10; 0: none)\n"
+    "  --plain                the library's own defaults instead of the listener's: fixed policy,\n"
+    "                         no concealment, no FEC (options still apply on top)\n"
     "  --rtp                  RTP with the RTP nodes instead of the own format: every packet passes\n"
     "                         the network model above, then crosses a UDP socket on 127.0.0.1\n"
     "  --codec C              with --rtp: opus (payload type 96, 48 kHz RTP clock), pcma or pcmu\n"
@@ -105,6 +112,9 @@ void printLeg(const sonracall::LegRecord& leg)
                 "%.1f ms p95; heard vs said %s\n",
                 leg.from + 1, leg.sent, leg.lost, static_cast<unsigned long long>(leg.late), leg.played,
                 leg.meanResidenceMs, leg.p95ResidenceMs, sonratool::decibels(leg.snrDb).c_str());
+    std::printf("    MOS %.2f (E-model R %.1f): mouth to ear %.0f ms; FEC rebuilt %u, concealed %u frames; "
+                "unheard %.1f%%, burst ratio %.2f\n",
+                leg.mos, leg.r, leg.mouthToEarMs, leg.rebuilt, leg.concealed, leg.lossPercent, leg.burstRatio);
 }
 
 // Less far-end single talk than this is mostly the tail of an echo whose

@@ -2,6 +2,7 @@
 // (Opus encoder, sender, a simulated network, receiver with its jitter
 // buffer, Opus decoder, mixer) and writes what a listener would hear, with
 // a summary of what the network and the jitter buffer did.
+#include "sonranetsimsweep.h"
 #include "sonranetsimtool.h"
 #include "sonraoptions.h"
 #include "sonrasoundfile.h"
@@ -28,6 +29,7 @@ std::string defaultDelays()
 
 const std::string USAGE =
     "usage: sonra-netsim INPUT OUTPUT.wav [options]\n"
+    "       sonra-netsim INPUT --sweep FILE.json\n"
     "\n"
     "Plays INPUT (any sound file libsndfile reads; mixed to mono, resampled to --rate)\n"
     "through encoder, sender, simulated network, receiver, decoder and mixer, and\n"
@@ -41,12 +43,14 @@ const std::string USAGE =
     "  --delays I,MIN,MAX,X   jitter buffer delays, ms: initial, minimum, maximum, extra jitter\n"
     "                         (" + defaultDelays() + "); multiples of the frame duration\n"
     "  --policy fixed|adaptive  fixed plays the initial delay; adaptive the shallowest delay\n"
-    "                         whose recent share of too-old frames stays under 1% (fixed)\n"
+    "                         whose recent share of too-old frames stays under 1% (adaptive)\n"
     "  --recovery on|off      re-anchor on a restarted or re-numbered stream; never let one\n"
     "                         stray datagram move the stream (on)\n"
-    "  --plc MS               Opus: conceal up to MS of each gap in the played packets (0: none)\n"
+    "  --plc MS               Opus: conceal up to MS of each gap in the played packets (60; 0: none)\n"
     "  --fec PCT              Opus: in-band FEC set for PCT % loss, and a decoder that waits a frame\n"
-    "                         for each packet's successor to rebuild a lost packet from it (0: none)\n"
+    "                         for each packet's successor to rebuild a lost packet from it (10; 0: none)\n"
+    "  --plain                the library's own defaults instead of the listener's: fixed policy,\n"
+    "                         no concealment, no FEC (options after it still apply)\n"
     "network model:\n"
     "  --seed N               seed of every random draw (1)\n"
     "  --loss PCT             long-run packet loss (0)\n"
@@ -67,7 +71,19 @@ const std::string USAGE =
     "                         line names are lost\n"
     "  --write-scenario FILE  write the packets' fate as a scenario, to replay this run exactly\n"
     "  --trace FILE.csv       per-frame trace\n"
+    "  --sweep FILE.json      instead of one run to OUTPUT.wav: the playout matrix on INPUT (seeded\n"
+    "                         scenarios; defaults, fixed depths, the adaptive policy, with and\n"
+    "                         without concealment), every run's figures as JSON (scripts/playout-matrix)\n"
     "  --quiet                no summary\n";
+
+int sweep(const sonranetsim::NetsimOptions& options)
+{
+    std::ofstream out(options.sweep);
+    sonranetsim::writeSweep(readMono(options.input, 16000), out);
+    if (!out.flush())
+        throw std::runtime_error("cannot write " + options.sweep);
+    return 0;
+}
 
 } // namespace
 
@@ -88,6 +104,8 @@ int main(int argc, char** argv)
         return 0;
     }
     try {
+        if (!options.sweep.empty())
+            return sweep(options);
         const std::vector<int16_t> input = readMono(options.input, options.config.sampleRate);
         const sonranetsim::Result result = sonranetsim::simulate(input, options.config);
         writeWav(options.output, result.output, options.config.sampleRate);

@@ -234,6 +234,8 @@ void Call::addLeg(unsigned from, unsigned to)
         sonranetsim::ClientPathBuilder(m_config.net, receiving.io, *receiving.pipe).receiveHalf();
     leg.receiver = half.receiver;
     leg.output = half.output;
+    // A decoder that waits for each packet's successor plays it a frame late.
+    leg.result.outputLag = m_config.net.fecLoss > 0 ? 1 : 0;
 }
 
 // The peers into the mixer with the notification (and hold music), then the

@@ -168,6 +168,7 @@ public:
 
     const std::vector<std::unique_ptr<Party> >& parties() const { return m_parties; }
     const std::vector<std::unique_ptr<Leg> >& legs() const { return m_legs; }
+    const CallConfig& config() const { return m_config; }
 
     // Leg k (from party A to party B, in the order 1->2, 1->3, ..., 2->1, ...)
     // draws from seed + k, so that no two legs lose the same packets.
@@ -203,8 +204,9 @@ private:
 };
 
 // Per party and graph frame of a finished call, for gnuplot: levels said
-// and heard (dBFS), packets lost on the way in, jitter-buffer residence of
-// what was played (ms).
+// and heard (dBFS), and per peer the jitter-buffer residence of what was
+// played (ms) and the frames lost, late, rebuilt by FEC and concealed; per
+// party a title line with each direction's MOS and counts.
 void writeReportData(const Call& call, const std::string& path);
 
 } // namespace sonracall

@@ -66,6 +66,10 @@ bool networkOption(const std::string& option, const std::string& value, CallOpti
         jitterBuffer.recovery = !sonratool::eitherOr(option, value, "on", "off");
     else if (option == "--policy")
         jitterBuffer.adaptive = sonratool::eitherOr(option, value, "fixed", "adaptive");
+    else if (option == "--plc")
+        options.net.concealment = whole(option, value, 0, 60000);
+    else if (option == "--fec")
+        options.net.fecLoss = whole(option, value, 0, 100);
     else
         return false;
     return true;
@@ -147,14 +151,16 @@ void applyEffects(const CallOptions& options, std::vector<PartyConfig>& parties)
 CallOptions parseCallOptions(int argc, char** argv)
 {
     CallOptions options;
+    if (!sonratool::wantsPlain(argc, argv))
+        sonratool::listenerDefaults(options.net);
     for (int i = 1; i < argc; ++i) {
         const std::string option = argv[i];
         if (option == "--help" || option == "-h") {
             options.help = true;
             return options;
         }
-        if (option == "--rtp") {
-            options.rtp = true;
+        if (option == "--rtp" || option == "--plain") {
+            options.rtp = options.rtp || option == "--rtp";
             continue;
         }
         if (option == "--quiet" || option == "--no-report" || option == "--realtime") {

@@ -3,6 +3,7 @@
 #include "sonrashell.h"
 #include "sonrasoundfile.h"
 
+#include "sonralistening.h"
 #include "sonranetsimreport.h"
 
 #include <sys/stat.h>
@@ -133,7 +134,7 @@ void chooseDevices(const CallOptions& options, CallConfig& config)
 }
 
 
-LegRecord legRecord(const Leg& leg)
+LegRecord legRecord(const Leg& leg, const sonranetsim::PathSettings& settings)
 {
     LegRecord record;
     record.from = leg.from;
@@ -162,6 +163,14 @@ LegRecord legRecord(const Leg& leg)
             residences.push_back(frame.residence);
     record.meanResidenceMs = sonranetsim::mean(residences);
     record.p95ResidenceMs = sonranetsim::percentile(residences, 0.95);
+    const sonranetsim::Listening listening = sonranetsim::listeningOf(leg.result, settings);
+    record.rebuilt = listening.rebuilt;
+    record.concealed = listening.concealed;
+    record.lossPercent = listening.lossPercent;
+    record.burstRatio = listening.burstRatio;
+    record.mouthToEarMs = listening.mouthToEarMs;
+    record.r = listening.rating.r;
+    record.mos = listening.rating.mos;
     return record;
 }
 
@@ -176,7 +185,7 @@ CallRecord recordsOf(const Call& call, const std::vector<std::string>& inputs,
         record.heard = heardPaths[p];
         for (const auto& leg : call.legs())
             if (leg->to == p)
-                record.legs.push_back(legRecord(*leg));
+                record.legs.push_back(legRecord(*leg, call.config().net));
         record.limitedFrames = party.limitedFrames;
         if (party.loudspeakers)
             record.echo = party.loudspeakers->record();

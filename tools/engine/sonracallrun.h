@@ -53,6 +53,12 @@ struct LegRecord {
     uint64_t late = 0;            // frames refused as too old
     double meanResidenceMs = 0, p95ResidenceMs = 0; // of the frames played
     double snrDb = 0;             // heard against said, frames aligned; infinite when exact
+    unsigned rebuilt = 0;         // packets FEC rebuilt from their successors
+    unsigned concealed = 0;       // graph frames the decoder concealed
+    double lossPercent = 0;       // packets neither played nor rebuilt, of those sent
+    double burstRatio = 1;        // of those packets, by sequence number
+    double mouthToEarMs = 0;      // network, jitter buffer, codec frame (and the FEC wait)
+    double r = 0, mos = 1;        // the E-model's rating of what was heard
 };
 
 // What a party on loudspeakers (--echo) sent back of what it heard,

@@ -32,6 +32,7 @@ struct Pending {
     JitterKind jitterKind = JitterKind::Normal;
     std::string scenarioFile;
     std::vector<std::string> positional;
+    bool recoveryGiven = false; // --plc or --fec on the command line
 };
 
 bool pathOption(const std::string& arg, const std::string& value, Config& config)
@@ -88,6 +89,8 @@ bool fileOption(const std::string& arg, const std::string& value, NetsimOptions&
         options.writeScenario = value;
     else if (arg == "--trace")
         options.trace = value;
+    else if (arg == "--sweep")
+        options.sweep = value;
     else
         return false;
     return true;
@@ -101,8 +104,8 @@ void readArguments(int argc, char** argv, NetsimOptions& options, Pending& pendi
             options.help = true;
             return;
         }
-        if (arg == "--quiet") {
-            options.quiet = true;
+        if (arg == "--quiet" || arg == "--plain") {
+            options.quiet = options.quiet || arg == "--quiet";
             continue;
         }
         if (arg.size() < 2 || arg.compare(0, 2, "--") != 0) {
@@ -112,6 +115,7 @@ void readArguments(int argc, char** argv, NetsimOptions& options, Pending& pendi
         if (i + 1 >= argc)
             throw UsageError(arg + ": missing value");
         const std::string value = argv[++i];
+        pending.recoveryGiven = pending.recoveryGiven || arg == "--plc" || arg == "--fec";
         if (!pathOption(arg, value, options.config) &&
             !networkOption(arg, value, options.config.network, pending) &&
             !fileOption(arg, value, options, pending))
@@ -168,14 +172,22 @@ NetsimOptions parseNetsimOptions(int argc, char** argv)
     NetsimOptions options;
     Config& config = options.config;
     config.network.spikeHeight = 200; // ms
+    if (!sonratool::wantsPlain(argc, argv))
+        sonratool::listenerDefaults(config);
     Pending pending;
     readArguments(argc, argv, options, pending);
     if (options.help)
         return options;
-    if (pending.positional.size() != 2)
-        throw UsageError("expected INPUT and OUTPUT.wav");
+    // PCM has neither concealment nor FEC: the defaults step aside, a
+    // command line that asks for them is told.
+    if (config.codec == Codec::Pcm && !pending.recoveryGiven)
+        config.concealment = config.fecLoss = 0;
+    const std::size_t files = options.sweep.empty() ? 2 : 1;
+    if (pending.positional.size() != files)
+        throw UsageError(files == 2 ? "expected INPUT and OUTPUT.wav" : "--sweep: expected INPUT only");
     options.input = pending.positional[0];
-    options.output = pending.positional[1];
+    if (files == 2)
+        options.output = pending.positional[1];
     config.network.jitterKind = config.network.jitter > 0 ? pending.jitterKind : JitterKind::None;
     checkPath(config);
     if (!pending.scenarioFile.empty())

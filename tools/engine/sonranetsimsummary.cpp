@@ -1,5 +1,6 @@
 #include "sonranetsimtool.h"
 
+#include "sonralistening.h"
 #include "sonraoptions.h"
 
 #include <cstdio>
@@ -78,6 +79,11 @@ void printSummary(const NetsimOptions& options, const Result& result)
     std::printf("log-spectral distance     %.2f dB (mean over %u frames of speech of 20 ms, each set against\n"
                 "                          what was heard in its place; lower is better)\n",
                 s.spectralDistance, s.spectralFrames);
+    const Listening heard = listeningOf(result, config);
+    std::printf("E-model                   MOS %.2f, R %.1f (mouth to ear %.1f ms; packets FEC rebuilt %u, frames\n"
+                "                          concealed %u; unheard %.1f%% of the packets, burst ratio %.2f)\n",
+                heard.rating.mos, heard.rating.r, heard.mouthToEarMs, heard.rebuilt, heard.concealed,
+                heard.lossPercent, heard.burstRatio);
 }
 
 } // namespace sonranetsim

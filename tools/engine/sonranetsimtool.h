@@ -12,6 +12,7 @@ namespace sonranetsim {
 struct NetsimOptions {
     bool help = false;
     std::string input, output, trace, writeScenario; // files
+    std::string sweep; // the playout matrix's JSON, instead of one run
     bool quiet = false;
     Config config;
 };

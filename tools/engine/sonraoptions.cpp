@@ -1,5 +1,6 @@
 #include "sonraoptions.h"
 
+#include "sonraclientpath.h"
 #include "sonranetsimmodel.h"
 
 #include <cmath>
@@ -77,6 +78,23 @@ bool commonNetworkOption(const std::string& option, const std::string& value, so
     else
         return false;
     return true;
+}
+
+void listenerDefaults(sonranetsim::PathSettings& settings)
+{
+    settings.jitterBuffer.adaptive = true;
+    settings.jitterBuffer.recovery = true;
+    const bool opus = settings.codec == sonranetsim::Codec::Opus;
+    settings.concealment = opus ? LISTENER_CONCEALMENT_MS : 0;
+    settings.fecLoss = opus ? LISTENER_FEC_LOSS : 0;
+}
+
+bool wantsPlain(int argc, char** argv)
+{
+    for (int i = 1; i < argc; ++i)
+        if (std::string(argv[i]) == "--plain")
+            return true;
+    return false;
 }
 
 std::string decibels(double value)

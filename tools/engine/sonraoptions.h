@@ -10,6 +10,7 @@
 
 namespace sonranetsim {
 struct NetworkModel;
+struct PathSettings;
 }
 
 namespace sonratool {
@@ -33,6 +34,16 @@ bool eitherOr(const std::string& option, const std::string& value, const std::st
 
 // --seed, --loss, --burst, --delay and --jitter into `model`; false for any other option.
 bool commonNetworkOption(const std::string& option, const std::string& value, sonranetsim::NetworkModel& model);
+
+// What the tools give a listener unless told otherwise: the adaptive
+// playout policy, recovery, and for Opus concealment of short gaps and
+// in-band FEC with recovery at the receiver.
+const unsigned LISTENER_CONCEALMENT_MS = 60; // longest gap concealed: three 20 ms frames
+const unsigned LISTENER_FEC_LOSS = 10;       // %, the loss the encoder's in-band FEC is set for
+void listenerDefaults(sonranetsim::PathSettings& settings);
+// "--plain" anywhere on the command line: the library's own defaults
+// instead, as the tools had them before they chose for the listener.
+bool wantsPlain(int argc, char** argv);
 
 // A signal-to-noise ratio, "exact" when nothing differs.
 std::string decibels(double value);
