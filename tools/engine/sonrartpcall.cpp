@@ -1,4 +1,5 @@
 #include "sonrartpcall.h"
+#include "sonrartptool.h"
 
 #include "sonraoptions.h"
 #include "sonrasoundfile.h"
@@ -39,23 +40,6 @@ const unsigned FRAME_MS = 20;                  // ms, graph frames and packets a
 const unsigned OPUS_CLOCK = 48000;             // Hz, Opus's RTP clock whatever it was coded at
 const unsigned EVENT_PAYLOAD_TYPE = 101;       // telephone events, the type most peers offer
 const unsigned OPUS_FEC_LOSS = 10;             // %, the loss the Opus encoder's in-band FEC is set for
-
-udp::endpoint resolveHostPort(boost::asio::io_service& io, const std::string& hostPort)
-{
-    const std::string::size_type colon = hostPort.rfind(':');
-    std::string host = hostPort.substr(0, colon == std::string::npos ? 0 : colon);
-    if (host.size() > 2 && host.front() == '[' && host.back() == ']')
-        host = host.substr(1, host.size() - 2);
-    const std::string port = colon == std::string::npos ? std::string() : hostPort.substr(colon + 1);
-    if (host.empty() || port.empty())
-        throw UsageError("--to wants HOST:PORT, not \"" + hostPort + "\"");
-    boost::system::error_code error;
-    udp::resolver resolver(io);
-    const udp::resolver::iterator found = resolver.resolve(udp::resolver::query(host, port), error);
-    if (error || found == udp::resolver::iterator())
-        throw std::runtime_error("cannot resolve " + hostPort + ": " + error.message());
-    return *found;
-}
 
 // One socket sends and receives, so that the far end sees our packets come
 // from the port it sends to (symmetric RTP).

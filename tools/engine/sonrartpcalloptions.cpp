@@ -1,4 +1,5 @@
 #include "sonrartpcall.h"
+#include "sonrartptool.h"
 
 #include "sonraoptions.h"
 
@@ -40,10 +41,10 @@ CallCodec codecOf(const std::string& option, const std::string& name)
 // "PT=opus": the dynamic type Opus travels under, sent and received.
 unsigned opusPayloadType(const std::string& option, const std::string& value)
 {
-    const std::string::size_type equals = value.find('=');
-    if (equals == std::string::npos || value.substr(equals + 1) != "opus")
+    const std::pair<unsigned, Codec> mapping = payloadTypeMapping(option, value);
+    if (mapping.second != ombrel::SonraRtpReceiverNode::CODEC_OPUS || mapping.first < 96)
         throw UsageError(option + " wants PT=opus (PT from 96 to 127), not \"" + value + "\"");
-    return sonratool::whole(option, value.substr(0, equals), 96, 127);
+    return mapping.first;
 }
 
 } // namespace

@@ -23,24 +23,6 @@ const struct {
               {"cn", SonraRtpReceiverNode::CODEC_COMFORT_NOISE},
               {"telephone-event", SonraRtpReceiverNode::CODEC_TELEPHONE_EVENT}};
 
-Codec codecNamed(const std::string& option, const std::string& name, bool audioOnly)
-{
-    for (const auto& known : CODECS)
-        if (name == known.name && (!audioOnly || known.codec <= SonraRtpReceiverNode::CODEC_OPUS))
-            return known.codec;
-    throw UsageError(option + " wants " + (audioOnly ? "pcma, pcmu or opus" : "pcma, pcmu, opus, cn or telephone-event") +
-                     ", not \"" + name + "\"");
-}
-
-// "PT=CODEC"
-std::pair<unsigned, Codec> payloadTypeMapping(const std::string& option, const std::string& value)
-{
-    const std::string::size_type equals = value.find('=');
-    if (equals == std::string::npos)
-        throw UsageError(option + " wants PT=CODEC, not \"" + value + "\"");
-    return {whole(option, value.substr(0, equals), 0, 127), codecNamed(option, value.substr(equals + 1), false)};
-}
-
 void checkPtime(const RtpOptions& options)
 {
     const bool opus = options.codec == SonraRtpReceiverNode::CODEC_OPUS;
@@ -51,6 +33,24 @@ void checkPtime(const RtpOptions& options)
 }
 
 } // namespace
+
+// "PT=CODEC"
+std::pair<unsigned, Codec> payloadTypeMapping(const std::string& option, const std::string& value)
+{
+    const std::string::size_type equals = value.find('=');
+    if (equals == std::string::npos)
+        throw UsageError(option + " wants PT=CODEC, not \"" + value + "\"");
+    return {whole(option, value.substr(0, equals), 0, 127), codecNamed(option, value.substr(equals + 1), false)};
+}
+
+Codec codecNamed(const std::string& option, const std::string& name, bool audioOnly)
+{
+    for (const auto& known : CODECS)
+        if (name == known.name && (!audioOnly || known.codec <= SonraRtpReceiverNode::CODEC_OPUS))
+            return known.codec;
+    throw UsageError(option + " wants " + (audioOnly ? "pcma, pcmu or opus" : "pcma, pcmu, opus, cn or telephone-event") +
+                     ", not \"" + name + "\"");
+}
 
 std::string codecName(Codec codec)
 {

@@ -34,23 +34,6 @@ double wallClock() // s since the epoch
     return std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count();
 }
 
-udp::endpoint resolve(boost::asio::io_service& io, const std::string& hostPort)
-{
-    const std::string::size_type colon = hostPort.rfind(':');
-    std::string host = hostPort.substr(0, colon == std::string::npos ? 0 : colon);
-    if (host.size() > 2 && host.front() == '[' && host.back() == ']')
-        host = host.substr(1, host.size() - 2);
-    const std::string port = colon == std::string::npos ? std::string() : hostPort.substr(colon + 1);
-    if (host.empty() || port.empty())
-        throw UsageError("--to wants HOST:PORT, not \"" + hostPort + "\"");
-    boost::system::error_code error;
-    udp::resolver resolver(io);
-    const udp::resolver::iterator found = resolver.resolve(udp::resolver::query(host, port), error);
-    if (error || found == udp::resolver::iterator())
-        throw std::runtime_error("cannot resolve " + hostPort + ": " + error.message());
-    return *found;
-}
-
 // The samples of one frame at a time from the whole signal; the last frame
 // is completed with silence.
 Frame nextFrame(const std::vector<int16_t>& samples, std::size_t frameSamples, std::size_t& position)
@@ -151,10 +134,27 @@ boost::shared_ptr<SonraNode> encoderFor(const RtpOptions& options, const boost::
 
 } // namespace
 
+udp::endpoint resolveHostPort(boost::asio::io_service& io, const std::string& hostPort)
+{
+    const std::string::size_type colon = hostPort.rfind(':');
+    std::string host = hostPort.substr(0, colon == std::string::npos ? 0 : colon);
+    if (host.size() > 2 && host.front() == '[' && host.back() == ']')
+        host = host.substr(1, host.size() - 2);
+    const std::string port = colon == std::string::npos ? std::string() : hostPort.substr(colon + 1);
+    if (host.empty() || port.empty())
+        throw UsageError("--to wants HOST:PORT, not \"" + hostPort + "\"");
+    boost::system::error_code error;
+    udp::resolver resolver(io);
+    const udp::resolver::iterator found = resolver.resolve(udp::resolver::query(host, port), error);
+    if (error || found == udp::resolver::iterator())
+        throw std::runtime_error("cannot resolve " + hostPort + ": " + error.message());
+    return *found;
+}
+
 int send(const RtpOptions& options)
 {
     auto io = boost::make_shared<boost::asio::io_service>();
-    const udp::endpoint to = resolve(*io, options.to);
+    const udp::endpoint to = resolveHostPort(*io, options.to);
     const unsigned rate = rateOf(options.codec), frameSamples = rate * options.ptime / 1000;
     const std::vector<int16_t> samples = sonratool::readMono(options.input, rate);
     udp::socket socket(*io);

@@ -7,6 +7,8 @@
 
 #include "sonrartpreceivernode.h"
 
+#include <boost/asio/ip/udp.hpp>
+
 #include <cstdint>
 #include <string>
 #include <utility>
@@ -35,6 +37,14 @@ RtpOptions parseRtpOptions(int argc, char** argv);
 
 // "pcma", "opus", ... for messages.
 std::string codecName(Codec codec);
+// The codec of a name in `option`'s value: pcma, pcmu, opus, and unless
+// `audioOnly` cn and telephone-event; throws sonratool::UsageError.
+Codec codecNamed(const std::string& option, const std::string& name, bool audioOnly);
+// "PT=CODEC" of --payload-type; throws sonratool::UsageError.
+std::pair<unsigned, Codec> payloadTypeMapping(const std::string& option, const std::string& value);
+
+// HOST:PORT ([ADDRESS]:PORT for IPv6) of --to, resolved.
+boost::asio::ip::udp::endpoint resolveHostPort(boost::asio::io_service& io, const std::string& hostPort);
 
 // Each returns the tool's exit code; they throw for what they cannot do.
 int send(const RtpOptions& options);
