@@ -140,6 +140,26 @@ void printEcho(const sonracall::EchoRecord& echo)
                 echo.farEndBelowSpeechDb, echo.singleTalkMs / 1000.0);
 }
 
+// Every file the call left in the output folder, and what it holds.
+void printOutputs(const sonracall::CallOptions& options, const sonracall::CallRecord& call)
+{
+    const std::string& dir = options.outDir;
+    std::printf("\noutputs in %s/: party-N.wav (what party N heard), call.ogg (party 1's side of the call)",
+                dir.c_str());
+    if (options.inputs.size() < call.parties.size())
+        std::printf(", speech-N.wav (what party N said, spoken by espeak-ng where no --input was given)");
+    std::printf(", notification.wav (the chime each party hears as the call starts)");
+    if (options.report) {
+        const bool echo = std::any_of(call.parties.begin(), call.parties.end(),
+                                      [](const sonracall::PartyRecord& party) { return party.echo.loudspeakers; });
+        std::printf(", call-report.png (levels, losses, jitter buffer%s over time), call-report.dat and "
+                    "call-report.dat.gp (its data and gnuplot script: \"gnuplot %s/call-report.dat.gp\" draws it "
+                    "again, from any folder)",
+                    echo ? ", echo" : "", dir.c_str());
+    }
+    std::printf("\n");
+}
+
 void printSummary(const sonracall::CallRecord& call)
 {
     for (std::size_t p = 0; p < call.parties.size(); ++p) {
@@ -171,15 +191,8 @@ int callAndReport(const sonracall::CallOptions& options)
         sonracall::plotReport(call.reportData, unsigned(call.parties.size()), options.outDir + "/call-report.png",
                               loudspeakers);
     }
-    if (!options.quiet) {
-        std::printf("\noutputs in %s/: party-N.wav (what party N heard), call.ogg (party 1's side of the call)",
-                    options.outDir.c_str());
-        const bool echo = std::any_of(call.parties.begin(), call.parties.end(),
-                                      [](const sonracall::PartyRecord& party) { return party.echo.loudspeakers; });
-        std::printf(!options.report ? "\n"
-                    : echo          ? ", call-report.png (levels, losses, jitter buffer, echo over time)\n"
-                                    : ", call-report.png (levels, losses, jitter buffer over time)\n");
-    }
+    if (!options.quiet)
+        printOutputs(options, call);
     return 0;
 }
 

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
+#include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
@@ -261,9 +262,12 @@ void writeReportData(const Call& call, const std::string& path)
         throw std::runtime_error("cannot write " + path);
 }
 
-void plotReport(const std::string& dataPath, unsigned parties, const std::string& picture,
+void plotReport(const std::string& data, unsigned parties, const std::string& png,
                 const std::vector<bool>& loudspeakers)
 {
+    // Absolute paths in the script, so that it draws the picture again from any folder.
+    const std::string dataPath = std::filesystem::absolute(data).string();
+    const std::string picture = std::filesystem::absolute(png).string();
     const std::vector<Panel> panels = readPanels(dataPath);
     if (panels.size() != parties)
         throw std::runtime_error("the report's data in " + dataPath + " does not hold " + std::to_string(parties) +
