@@ -2,7 +2,9 @@
 // arbitrary datagrams and well-formed packets interleaved with graph frames,
 // resets and each node's switches. Oracle: a payload played was received
 // and is played no more often; own format: only on a packet period's first
-// graph frame; RTP: only of the accepted payload type and size.
+// graph frame; RTP: only of the accepted payload type and size. RTP with
+// decoded output (first byte odd, top bit set): every frame is one graph
+// frame of mono PCM or nothing, whatever the packets and the mappings.
 #include "fuzzutil.h"
 #include "sonrapacket.h"
 #include "sonrareceivernode.h"
@@ -49,7 +51,7 @@ Frame rtpPacket(Reader& in, unsigned& nextSeqNum, unsigned span)
 
 // The node under test, as the input's first choices build it, and the oracle's state.
 struct Target {
-    bool rtp = false;
+    bool rtp = false, decoded = false;
     boost::shared_ptr<ombrel::SonraReceiverNode> own;
     boost::shared_ptr<SonraRtpReceiverNode> other;
     unsigned frameDuration = 0, framesPerPacket = 1, rtpSpan = 0; // ms, graph frames, samples
@@ -60,12 +62,20 @@ struct Target {
 Target makeTarget(Reader& in)
 {
     Target t;
-    t.rtp = in.byte() & 1;
+    const unsigned first = in.byte();
+    t.rtp = first & 1;
+    t.decoded = t.rtp && (first & 0x80);
     if (t.rtp) {
         const unsigned rate = in.choice(2) ? 16000 : 8000; // Hz
         t.frameDuration = 10 * (1 + in.choice(3));
         t.rtpSpan = rate * t.frameDuration / 1000;
         t.other = boost::make_shared<SonraRtpReceiverNode>(ioService(), t.frameDuration, rate);
+        if (t.decoded) {
+            t.other->setDecodedOutput(true);
+            t.other->setSourceLock(in.byte() & 1);
+            t.other->mapPayloadType(96, SonraRtpReceiverNode::CODEC_OPUS);
+            t.other->mapPayloadType(101, SonraRtpReceiverNode::CODEC_TELEPHONE_EVENT);
+        }
         return t;
     }
     const OwnFormatConfig& config = CONFIGS[in.choice(sizeof(CONFIGS) / sizeof(CONFIGS[0]))];
@@ -89,7 +99,7 @@ void receive(Target& t, Reader& in, bool wellFormed)
     const bool playable = datagram->size() >= header &&
                           (!t.rtp || (datagram->size() - header <= SonraRtpReceiverNode::MAX_PAYLOAD_SIZE &&
                                       (uint8_t((*datagram)[1]) & 0x7f) == t.payloadType));
-    if (playable)
+    if (playable && !t.decoded)
         ++t.unplayed[std::vector<char>(datagram->begin() + header, datagram->end())];
     t.rtp ? t.other->dataReceived(datagram) : t.own->dataReceived(datagram);
 }
@@ -113,8 +123,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size)
         case FRAME:
             pipe->processFrame();
             if (const Frame out = node->outputData()) {
-                FUZZ_CHECK(t.phase == 0 && t.unplayed[*out] > 0);
-                --t.unplayed[*out];
+                if (t.decoded) {
+                    FUZZ_CHECK(out->size() == node->frameSize());
+                } else {
+                    FUZZ_CHECK(t.phase == 0 && t.unplayed[*out] > 0);
+                    --t.unplayed[*out];
+                }
             }
             t.phase = (t.phase + 1) % t.framesPerPacket;
             break;
@@ -123,7 +137,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size)
             t.phase = 0;
             break;
         case SWITCH_ONE:
-            if (t.rtp)
+            if (t.decoded)
+                t.other->mapPayloadType(in.byte() & 0x7f, SonraRtpReceiverNode::Codec(in.choice(6)));
+            else if (t.rtp)
                 t.other->setPayloadType(t.payloadType = in.choice(2) ? 8 : in.byte() & 0x7f);
             else
                 t.own->setRecovery(in.byte() & 1);
