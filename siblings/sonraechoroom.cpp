@@ -324,24 +324,24 @@ void SonraEchoMeter::add(const short* played, std::size_t playedSamples, const s
                         meanSquare(cleaned, capturedSamples)});
 }
 
+double SonraEchoMeter::energyRatioDb(double Block::*over, double Block::*under, unsigned fromMs, unsigned toMs) const
+{
+    double sumOver = 0, sumUnder = 0;
+    for (std::size_t b = fromMs / m_blockMs; b < m_blocks.size() && b < toMs / m_blockMs; ++b) {
+        sumOver += m_blocks[b].*over;
+        sumUnder += m_blocks[b].*under;
+    }
+    return decibels(sumOver / std::max(sumUnder, 1e-30));
+}
+
 double SonraEchoMeter::erleDb(unsigned fromMs, unsigned toMs) const
 {
-    double captured = 0, cleaned = 0;
-    for (std::size_t b = fromMs / m_blockMs; b < m_blocks.size() && b < toMs / m_blockMs; ++b) {
-        captured += m_blocks[b].captured;
-        cleaned += m_blocks[b].cleaned;
-    }
-    return decibels(captured / std::max(cleaned, 1e-30));
+    return energyRatioDb(&Block::captured, &Block::cleaned, fromMs, toMs);
 }
 
 double SonraEchoMeter::echoBelowSpeechDb(unsigned fromMs, unsigned toMs) const
 {
-    double played = 0, cleaned = 0;
-    for (std::size_t b = fromMs / m_blockMs; b < m_blocks.size() && b < toMs / m_blockMs; ++b) {
-        played += m_blocks[b].played;
-        cleaned += m_blocks[b].cleaned;
-    }
-    return decibels(played / std::max(cleaned, 1e-30));
+    return energyRatioDb(&Block::played, &Block::cleaned, fromMs, toMs);
 }
 
 std::vector<double> SonraEchoMeter::erleCurve(unsigned windowMs) const

@@ -137,6 +137,9 @@ public:
     static unsigned bestLag(const short* delayed, const short* reference, std::size_t count, unsigned maxLag);
 
 private:
+    // dB, the energy of one block field over another's, from `fromMs` to `toMs`.
+    double energyRatioDb(double Block::*over, double Block::*under, unsigned fromMs, unsigned toMs) const;
+
     unsigned m_blockMs; // ms
     std::vector<Block> m_blocks;
 };
