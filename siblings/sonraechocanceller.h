@@ -17,6 +17,7 @@ struct SonraEchoCanceller_p;
 // Not thread-safe: one thread (the device's) calls playback() and capture().
 class SonraEchoCanceller : private boost::noncopyable {
 public:
+    // The two cancellers to choose from.
     enum Engine {
         // WebRTC audio-processing's canceller (adaptive filter with delay
         // estimation, then its non-linear residual echo suppressor).
@@ -46,6 +47,7 @@ public:
                        unsigned blockFrames);
     ~SonraEchoCanceller();
 
+    // The engine that runs (WebRTC's may be replaced, see the constructor).
     Engine engine() const;
     // Samples per channel by which capture()'s output lags its input.
     unsigned latencyFrames() const;

@@ -16,6 +16,9 @@
 
 namespace ombrel {
 
+// The echo control of one device stream: the simulated room (on the
+// virtual device) and the canceller around the container's callback, block
+// by block, with a meter of what both did.
 class SonraEchoControl : private boost::noncopyable {
 public:
     // The device callback's signature (SonraDevice::Callback).
@@ -40,6 +43,7 @@ public:
     bool setEchoPath(const SonraEchoPath& path);
     // What the room and the canceller did so far (any thread).
     SonraEchoMeter meter() const;
+    // Whether a canceller runs (asked for, and at a rate one supports).
     bool cancels() const { return bool(m_canceller); }
     // The engine that runs (the one asked for may not run at this rate).
     SonraEchoCanceller::Engine engine() const;
@@ -70,18 +74,20 @@ struct SonraEchoTrial {
     bool cancel;               // default true
     SonraEchoCanceller::Engine engine; // default SonraEchoCanceller::DEFAULT_ENGINE (at 16 kHz)
     bool room;                 // default true: false, nothing comes back
-    SonraEchoPath path;
+    SonraEchoPath path;        // the room's path from the start
     unsigned changeAtMs;       // ms; 0: the path never changes
     SonraEchoPath changedPath; // from changeAtMs on
     std::vector<short> farEnd;  // mono; silence after its end
     std::vector<short> nearEnd; // mono; silence after its end
     unsigned durationMs;        // ms; default 0: the longer voice's length
 
+    // What a trial measured.
     struct Result {
-        SonraEchoMeter meter;
+        SonraEchoMeter meter;       // block by block, the whole trial
         std::vector<short> cleaned; // the first capture channel, as the callback saw it
         SonraEchoCanceller::Engine engine; // the one that ran
     };
+    // Runs the trial block by block, without a clock.
     Result run() const;
 };
 

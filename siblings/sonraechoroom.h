@@ -42,11 +42,13 @@ struct SonraEchoPath {
 // play() and capture() belong to the stream's thread.
 class SonraEchoRoom : private boost::noncopyable {
 public:
+    // The room at `sampleRate` (Hz) for a capture of `captureChannels`.
     SonraEchoRoom(unsigned sampleRate, unsigned captureChannels, const SonraEchoPath& path);
 
     // Takes effect at the next captured block: a delay jump or a gain
     // change mid-call. The tail keeps its seed, so only what changed moves.
     void setPath(const SonraEchoPath& path);
+    // The path in force (any thread).
     SonraEchoPath path() const;
 
     // `frames` samples per channel, interleaved; channels are mixed to the
@@ -92,18 +94,24 @@ private:
 // and what the canceller left of it.
 class SonraEchoMeter {
 public:
+    // The energies of one block.
     struct Block {
         double played;   // mean square of the played samples, full scale 1
         double captured; // mean square of the captured samples before cancelling
         double cleaned;  // mean square after cancelling
     };
 
+    // `blockMs`: the duration of one block, ms.
     explicit SonraEchoMeter(unsigned blockMs = 20);
 
+    // One block: `playedSamples` played, `capturedSamples` captured and
+    // cleaned (all channels, interleaved).
     void add(const short* played, std::size_t playedSamples, const short* captured, const short* cleaned,
              std::size_t capturedSamples);
 
+    // ms per block.
     unsigned blockMs() const { return m_blockMs; }
+    // Every block so far, oldest first.
     const std::vector<Block>& blocks() const { return m_blocks; }
 
     // dB, captured over cleaned energy of the blocks from `fromMs` to
@@ -130,6 +138,7 @@ public:
     // dB full scale RMS of samples, and the correlation coefficient of two
     // sample runs of the same length (1 for equal shapes).
     static double levelDb(const short* samples, std::size_t count);
+    // The correlation coefficient of `a` and `b`, `count` samples each.
     static double correlation(const short* a, const short* b, std::size_t count);
     // The lag, in samples from 0 to `maxLag`, at which `delayed` (holding
     // count + maxLag samples) best correlates with `reference`: the

@@ -166,6 +166,7 @@ public:
     void setEchoPath(const SonraEchoPath& path);
     // Takes the virtual device out of the room, from the next start on.
     void removeEchoPath();
+    // Whether the virtual device is in a simulated room.
     bool hasEchoPath() const;
     // What the room and the canceller did in the running stream, or the
     // last one (empty when neither ran): per block, the energy played,

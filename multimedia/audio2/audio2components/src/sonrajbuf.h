@@ -89,8 +89,8 @@ public:
 
     // Set by the owner: recovery on or off (keeps the frames), and whether
     // the queue waits D - 1 periods when it starts from empty.
-    void setRecovery(bool enabled);
-    void setWarmUp(bool warmsUp);
+    void setRecovery(bool enabled); // recovery on or off
+    void setWarmUp(bool warmsUp);   // waits D - 1 periods from empty
 
 private:
     boost::shared_ptr<SonraJbufFrame_p> advanceHead();

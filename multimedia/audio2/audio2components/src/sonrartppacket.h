@@ -34,6 +34,7 @@ public:
     // The synchronisation source.
     unsigned int ssrc() const;
     unsigned int payloadType() const; // low 7 bits of byte 1
+    // The marker bit (byte 1, top bit): a talkspurt or an event begins.
     bool marker() const;
     // Overwrites the payload type (byte 1, low 7 bits); the marker bit stays.
     void setPayloadType(unsigned int payloadType);

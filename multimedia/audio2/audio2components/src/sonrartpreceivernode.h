@@ -60,14 +60,14 @@ public:
         uint64_t insertedMs = 0;         // decoded output: silence or concealment the jitter buffer
                                          // inserted to grow its delay
         uint64_t comfortNoiseMs = 0;     // decoded output: comfort noise played
-        int lastUnmappedPayloadType = -1;
+        int lastUnmappedPayloadType = -1; // the last type refused as unmapped; -1: none yet
     };
 
     // Source lock: how long the locked source must be quiet, ms, and how
     // many packets numbered one after the other a new SSRC must send before
     // it takes over.
-    static unsigned SOURCE_QUIET_TIME;
-    static unsigned SOURCE_TAKEOVER_PACKETS;
+    static unsigned SOURCE_QUIET_TIME;       // ms
+    static unsigned SOURCE_TAKEOVER_PACKETS; // packets
     // Longest stretch of Opus concealment, ms; a longer loss is silence.
     static unsigned MAX_CONCEALMENT;
     // Decoded output starts once this much (ms) or the longest packet so
@@ -127,6 +127,7 @@ public:
     // sources are refused (statistics().refusedOtherSource).
     void setSourceLock(bool on);
 
+    // The counts so far.
     Statistics statistics() const;
     // The telephone events received, in order, one character each: 0-9, *,
     // #, A-D; other events (flash and tones) as '?'.
