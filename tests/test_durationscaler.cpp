@@ -83,16 +83,19 @@ TEST(DurationScaler, FramesOfTheWrongSizeStayInsideTheBuffers)
 
 // Reset drops a gathered part; a split in progress hands out silence for the
 // rest of its frame unless a new frame comes first. A channel change
-// mid-frame starts over at the new size (no channels: an empty frame).
+// mid-frame starts over at the new size (no channels: an empty frame when
+// splitting, none when gathering).
 TEST(DurationScaler, ResetAndChannelChangeStartOver)
 {
-    ScalerGraph gather(20, 60), split(60, 20), restarted(60, 20), stereo(60, 20), none(60, 20);
+    ScalerGraph gather(20, 60), split(60, 20), restarted(60, 20), stereo(60, 20), none(60, 20), noneGathered(20, 60);
     for (ScalerGraph* graph : {&gather, &split, &restarted, &stereo, &none})
         graph->step(frameOf(ramp(graph == &gather ? 320 : 960)));
     for (ScalerGraph* graph : {&gather, &split, &restarted})
         graph->pipe->reset(0);
     stereo.node->setOutputChannels(2);
     none.node->setOutputChannels(0);
+    noneGathered.node->setOutputChannels(0);
+    EXPECT_FALSE(noneGathered.step(frameOf(ramp(320))));
     EXPECT_EQ(ramp(960), gather.runInPieces(ramp(960), {320}));
     EXPECT_EQ(split.feed({NONE, NONE, NONE, NONE}), (Outputs{ramp(0, 1, 320), ramp(0, 1, 320), ramp(0, 1, 320), {}}));
     EXPECT_EQ(restarted.feed({frameOf(ramp(960, 3000))}), Outputs{ramp(320, 3000)});

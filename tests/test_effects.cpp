@@ -90,6 +90,10 @@ TEST(MonoToStereo, SetHaasEffectResetAndGapsRestartWithSilenceAndUnusableDelaysM
     }
     node->setHaasEffect(2);
     EXPECT_EQ(delayed(in, 16), right(rig.step(frameOf(in))));
+    Stereo oneSample(monoToStereo(1000, 1)); // the shortest line: a gap still silences it
+    oneSample.run(in);
+    EXPECT_FALSE(oneSample.step());
+    EXPECT_EQ(delayed(in, 1), right(oneSample.step(frameOf(in))));
     for (const auto& rateAndDelay : {std::make_pair(8000u, 0), {8000u, -5}, {800u, 1}}) { // 800 Hz: 0.8 samples
         Stereo other(monoToStereo(rateAndDelay.first, rateAndDelay.second));
         other.step();

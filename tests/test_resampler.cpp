@@ -42,7 +42,8 @@ TEST_P(ResamplerTone, IsSeamlessKeepsLevelAndMatchesSox)
     ASSERT_NEAR(double(out.size()), double(rate), 1.0) << "one second in, one second out";
 
     int error = 0;
-    SpeexResamplerState* whole = speex_resampler_init(1, inRate, rate, SonraResamplerNode::RESAMPLE_QUALITY, &error);
+    const int defaultQuality = 5; // SpeexDSP's quality scale, 0..10
+    SpeexResamplerState* whole = speex_resampler_init(1, inRate, rate, defaultQuality, &error);
     ASSERT_TRUE(whole);
     Samples continuous(rate + 100);
     spx_uint32_t inLen = in.size(), outLen = continuous.size();

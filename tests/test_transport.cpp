@@ -341,6 +341,11 @@ TEST(Receiver, PlaysOnePacketPerFrameIgnoresShortDatagramsAndCopiesThePayloadOnl
     (*wire)[12] = 'z';
     EXPECT_EQ((std::vector<int>{0, 'a'}), rig.frames(2));
     EXPECT_EQ((std::vector<char>{'a', 'b', 'c'}), *rig.receiver->outputData());
+
+    ReceiverRig ladder; // the policy reaches the jitter buffer: from empty its queue waits depth - 1 periods
+    ladder.receiver->setPlayoutPolicy(SonraJbuf::PLAYOUT_ADAPTIVE);
+    ladder.send({1, 2});
+    EXPECT_EQ((std::vector<int>{-1, -1, 1, 2}), ladder.frames(4));
 }
 
 TEST(Receiver, LongerPacketsTakeFromTheBufferOncePerPacketPeriod)
@@ -493,4 +498,18 @@ TEST(Jbuf, HistogramPlayoutHoldsTheDepthOfRecurringSpikesWithoutRepeating)
     EXPECT_EQ((Counts{16, 6, 7, 2, 9, 9}), (Counts{a.framesTooOld, h.framesTooOld, a.switchesShallower,
                                                    h.switchesShallower, a.playedDepth, h.playedDepth}));
     EXPECT_EQ((Counts{22, 4, 2, 6}), (Counts{t.framesTooOld, t.switchesDeeper, t.switchesShallower, t.playedDepth}));
+
+    // A zero tail still lets it come down over the depths no frame ever came late for.
+    const double usualTail = SonraJbuf::PLAYOUT_HISTOGRAM_TAIL;
+    SonraJbuf::PLAYOUT_HISTOGRAM_TAIL = 0;
+    JbufRig punctual;
+    punctual.jbuf.setDelays(60, 20, 400, 300);
+    punctual.jbuf.setPlayoutPolicy(SonraJbuf::PLAYOUT_HISTOGRAM);
+    for (unsigned n = 1; n <= 400; ++n) {
+        punctual.now = 20 * n;
+        punctual.put(n);
+        punctual.get();
+    }
+    SonraJbuf::PLAYOUT_HISTOGRAM_TAIL = usualTail;
+    EXPECT_EQ(1u, punctual.jbuf.statistics().playedDepth);
 }
