@@ -188,10 +188,13 @@ TEST(CallOptions, AListenersDefaultsUnlessPlain)
     char* listener[] = {tool, plc, none};
     char* library[] = {tool, plain};
     const sonranetsim::Config chosen = sonracall::parseCallOptions(3, listener).net;
-    EXPECT_TRUE(chosen.jitterBuffer.adaptive && chosen.jitterBuffer.recovery);
+    EXPECT_TRUE(chosen.jitterBuffer.policy == ombrel::SonraJbuf::PLAYOUT_HISTOGRAM && chosen.jitterBuffer.recovery);
+    EXPECT_EQ((std::vector<unsigned>{80, 20, 400, 300}),
+              std::vector<unsigned>(chosen.jitterBuffer.delays, chosen.jitterBuffer.delays + 4));
     EXPECT_EQ(0u, chosen.concealment); // an option still overrides
     EXPECT_EQ(10u, chosen.fecLoss);
     const sonranetsim::Config own = sonracall::parseCallOptions(2, library).net, shipped;
-    EXPECT_EQ(std::make_tuple(shipped.jitterBuffer.adaptive, shipped.concealment, shipped.fecLoss),
-              std::make_tuple(own.jitterBuffer.adaptive, own.concealment, own.fecLoss));
+    EXPECT_EQ(std::make_tuple(shipped.jitterBuffer.policy, shipped.jitterBuffer.setDelays, shipped.concealment,
+                              shipped.fecLoss),
+              std::make_tuple(own.jitterBuffer.policy, own.jitterBuffer.setDelays, own.concealment, own.fecLoss));
 }

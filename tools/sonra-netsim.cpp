@@ -21,9 +21,8 @@ using sonratool::writeWav;
 using sonratool::UsageError;
 
 // The receiver's own delays, as the help states them.
-std::string defaultDelays()
+std::string defaultDelays(const unsigned (&d)[4])
 {
-    const unsigned* d = sonranetsim::RECEIVER_DEFAULT_DELAYS_MS;
     return std::to_string(d[0]) + "," + std::to_string(d[1]) + "," + std::to_string(d[2]) + "," + std::to_string(d[3]);
 }
 
@@ -41,15 +40,19 @@ const std::string USAGE =
     "                         with pcm, any duration that divides " + std::to_string(sonranetsim::RECEIVER_DEFAULT_DELAYS_MS[0]) + "\n"
     "  --codec opus|pcm       pcm sends the samples themselves, to judge network and buffer alone (opus)\n"
     "  --delays I,MIN,MAX,X   jitter buffer delays, ms: initial, minimum, maximum, extra jitter\n"
-    "                         (" + defaultDelays() + "); multiples of the frame duration\n"
-    "  --policy fixed|adaptive  fixed plays the initial delay; adaptive the shallowest delay\n"
-    "                         whose recent share of too-old frames stays under 1% (adaptive)\n"
+    "                         (" + defaultDelays(sonratool::LISTENER_DELAYS_MS) + "; with --plain " +
+    defaultDelays(sonranetsim::RECEIVER_DEFAULT_DELAYS_MS) + "); multiples of the frame duration\n"
+    "  --policy fixed|adaptive|histogram  fixed plays the initial delay; adaptive the shallowest\n"
+    "                         delay whose recent share of too-old frames stays under 1%;\n"
+    "                         histogram also keeps a high quantile of a long histogram of\n"
+    "                         lateness and the height of recurring delay peaks (histogram)\n"
     "  --recovery on|off      re-anchor on a restarted or re-numbered stream; never let one\n"
     "                         stray datagram move the stream (on)\n"
     "  --plc MS               Opus: conceal up to MS of each gap in the played packets (60; 0: none)\n"
     "  --fec PCT              Opus: in-band FEC set for PCT % loss, and a decoder that waits a frame\n"
     "                         for each packet's successor to rebuild a lost packet from it (10; 0: none)\n"
-    "  --plain                the library's own defaults instead of the listener's: fixed policy,\n"
+    "  --plain                the library's own defaults instead of the listener's: fixed policy\n"
+    "                         at the receiver's own delays,\n"
     "                         no concealment, no FEC (options after it still apply)\n"
     "network model:\n"
     "  --seed N               seed of every random draw (1)\n"

@@ -65,7 +65,7 @@ bool networkOption(const std::string& option, const std::string& value, CallOpti
     else if (option == "--recovery")
         jitterBuffer.recovery = !sonratool::eitherOr(option, value, "on", "off");
     else if (option == "--policy")
-        jitterBuffer.adaptive = sonratool::eitherOr(option, value, "fixed", "adaptive");
+        jitterBuffer.policy = sonratool::playoutPolicyNamed(option, value);
     else if (option == "--plc")
         options.net.concealment = whole(option, value, 0, 60000);
     else if (option == "--fec")

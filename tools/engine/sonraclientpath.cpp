@@ -34,8 +34,8 @@ ClientPathBuilder::ReceiveHalf ClientPathBuilder::receiveHalf() const
     if (jbuf.setDelays)
         half.receiver->setDelays(jbuf.delays[0], jbuf.delays[1], jbuf.delays[2], jbuf.delays[3]);
     half.receiver->setRecovery(jbuf.recovery);
-    if (jbuf.adaptive)
-        half.receiver->setPlayoutPolicy(SonraJbuf::PLAYOUT_ADAPTIVE);
+    if (jbuf.policy != SonraJbuf::PLAYOUT_INITIAL_DELAY)
+        half.receiver->setPlayoutPolicy(jbuf.policy);
     half.output = half.receiver;
     if (settings.codec == Codec::Pcm)
         return half;

@@ -8,6 +8,8 @@
 #include <boost/asio/io_service.hpp>
 #include <boost/shared_ptr.hpp>
 
+#include "sonrajbuf.h"
+
 namespace ombrel {
 class SonraNode;
 class SonraPipe;
@@ -25,7 +27,7 @@ struct JitterBufferSettings {
     unsigned delays[4] = {RECEIVER_DEFAULT_DELAYS_MS[0], RECEIVER_DEFAULT_DELAYS_MS[1], RECEIVER_DEFAULT_DELAYS_MS[2],
                           RECEIVER_DEFAULT_DELAYS_MS[3]}; // initial, min, max, extra jitter delay, ms
     bool recovery = true;   // SonraJbuf::setRecovery: a stray datagram never silences the receiver
-    bool adaptive = false;  // SonraJbuf::PLAYOUT_ADAPTIVE rather than the initial delay throughout
+    ombrel::SonraJbuf::PlayoutPolicy policy = ombrel::SonraJbuf::PLAYOUT_INITIAL_DELAY;
 
     // The deepest the jitter buffer can hold, ms.
     unsigned deepestMs() const { return delays[2] + delays[3]; }

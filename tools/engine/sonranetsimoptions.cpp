@@ -33,6 +33,7 @@ struct Pending {
     std::string scenarioFile;
     std::vector<std::string> positional;
     bool recoveryGiven = false; // --plc or --fec on the command line
+    bool delaysGiven = false;   // --delays on the command line
 };
 
 bool pathOption(const std::string& arg, const std::string& value, Config& config)
@@ -47,7 +48,7 @@ bool pathOption(const std::string& arg, const std::string& value, Config& config
         sonratool::parseDelays(arg, value, config.jitterBuffer.delays);
         config.jitterBuffer.setDelays = true;
     } else if (arg == "--policy")
-        config.jitterBuffer.adaptive = sonratool::eitherOr(arg, value, "fixed", "adaptive");
+        config.jitterBuffer.policy = sonratool::playoutPolicyNamed(arg, value);
     else if (arg == "--recovery")
         config.jitterBuffer.recovery = !sonratool::eitherOr(arg, value, "on", "off");
     else if (arg == "--plc")
@@ -116,6 +117,7 @@ void readArguments(int argc, char** argv, NetsimOptions& options, Pending& pendi
             throw UsageError(arg + ": missing value");
         const std::string value = argv[++i];
         pending.recoveryGiven = pending.recoveryGiven || arg == "--plc" || arg == "--fec";
+        pending.delaysGiven = pending.delaysGiven || arg == "--delays";
         if (!pathOption(arg, value, options.config) &&
             !networkOption(arg, value, options.config.network, pending) &&
             !fileOption(arg, value, options, pending))
@@ -189,6 +191,11 @@ NetsimOptions parseNetsimOptions(int argc, char** argv)
     if (files == 2)
         options.output = pending.positional[1];
     config.network.jitterKind = config.network.jitter > 0 ? pending.jitterKind : JitterKind::None;
+    // The default ladder, in whole frames of a duration that does not divide it.
+    if (!pending.delaysGiven) {
+        for (unsigned& delay : config.jitterBuffer.delays)
+            delay = (delay + config.frameDuration - 1) / config.frameDuration * config.frameDuration;
+    }
     checkPath(config);
     if (!pending.scenarioFile.empty())
         loadScenario(pending.scenarioFile, config);

@@ -44,7 +44,7 @@ void printSummary(const NetsimOptions& options, const Result& result)
                     model.reorderDelay, model.duplicateRate * 100, model.spikeRate * 100, model.spikeHeight);
     const unsigned* delays = config.jitterBuffer.delays;
     std::printf("jitter buffer: initial %u, min %u, max %u, extra %u ms, %s playout, recovery %s\n", delays[0],
-                delays[1], delays[2], delays[3], config.jitterBuffer.adaptive ? "adaptive" : "fixed",
+                delays[1], delays[2], delays[3], sonratool::playoutPolicyName(config.jitterBuffer.policy),
                 config.jitterBuffer.recovery ? "on" : "off");
     if (config.codec == Codec::Opus)
         std::printf("decoder: concealment up to %u ms a gap, in-band FEC %s\n", config.concealment,

@@ -137,7 +137,7 @@ std::vector<unsigned> depths()
 // first frame as it comes: its delays bound the queue, not the playout).
 Config atDepth(Config config, unsigned depth)
 {
-    config.jitterBuffer.adaptive = true;
+    config.jitterBuffer.policy = ombrel::SonraJbuf::PLAYOUT_ADAPTIVE;
     config.jitterBuffer.setDelays = true;
     for (unsigned i = 0; i < 3; ++i)
         config.jitterBuffer.delays[i] = depth;
@@ -146,7 +146,7 @@ Config atDepth(Config config, unsigned depth)
 
 Config withPolicy(Config config)
 {
-    config.jitterBuffer.adaptive = true;
+    config.jitterBuffer.policy = ombrel::SonraJbuf::PLAYOUT_ADAPTIVE;
     config.jitterBuffer.setDelays = true;
     std::copy(POLICY_DELAYS_MS, POLICY_DELAYS_MS + 4, config.jitterBuffer.delays);
     return config;

@@ -3,6 +3,7 @@
 #include "sonraclientpath.h"
 #include "sonranetsimmodel.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <sstream>
@@ -62,6 +63,23 @@ bool eitherOr(const std::string& option, const std::string& value, const std::st
     return value == second;
 }
 
+namespace {
+const char* const POLICY_NAMES[] = {"fixed", "adaptive", "histogram"}; // in SonraJbuf::PlayoutPolicy's order
+} // namespace
+
+ombrel::SonraJbuf::PlayoutPolicy playoutPolicyNamed(const std::string& option, const std::string& value)
+{
+    for (int policy = 0; policy < 3; ++policy)
+        if (value == POLICY_NAMES[policy])
+            return static_cast<ombrel::SonraJbuf::PlayoutPolicy>(policy);
+    throw UsageError(option + ": expected fixed, adaptive or histogram, not \"" + value + "\"");
+}
+
+const char* playoutPolicyName(ombrel::SonraJbuf::PlayoutPolicy policy)
+{
+    return POLICY_NAMES[policy];
+}
+
 bool commonNetworkOption(const std::string& option, const std::string& value, sonranetsim::NetworkModel& model)
 {
     const double LONGEST_MS = 60000, PERCENT = 100;
@@ -82,7 +100,9 @@ bool commonNetworkOption(const std::string& option, const std::string& value, so
 
 void listenerDefaults(sonranetsim::PathSettings& settings)
 {
-    settings.jitterBuffer.adaptive = true;
+    settings.jitterBuffer.policy = ombrel::SonraJbuf::PLAYOUT_HISTOGRAM;
+    settings.jitterBuffer.setDelays = true;
+    std::copy(LISTENER_DELAYS_MS, LISTENER_DELAYS_MS + 4, settings.jitterBuffer.delays);
     settings.jitterBuffer.recovery = true;
     const bool opus = settings.codec == sonranetsim::Codec::Opus;
     settings.concealment = opus ? LISTENER_CONCEALMENT_MS : 0;
