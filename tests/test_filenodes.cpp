@@ -263,7 +263,18 @@ TEST(FileWriter, RecordsOggVorbisThatSoxReadsBack)
     auto closed = boost::make_shared<SonraPlainVSndFileVfs>();
     writer.setVSndFile(closed);
     EXPECT_EQ(-1, writer.start(tempPath("no/such/dir.ogg"), 1));
-    EXPECT_EQ(0, closed->virtualIo()->write("x", 1, static_cast<SonraVSndFileVfs*>(closed.get())));
+    const boost::shared_ptr<SF_VIRTUAL_IO> io = closed->virtualIo();
+    SonraVSndFileVfs* const user = closed.get();
+    EXPECT_EQ(0, io->write("x", 1, user));
+    EXPECT_EQ((std::vector<sf_count_t>{-1, -1, -1}), (std::vector<sf_count_t>{io->get_filelen(user),
+                                                                              io->seek(0, SEEK_SET, user), io->tell(user)}));
+    ASSERT_TRUE(closed->open(tempPath("stereo.ogg"), VFS_READ));
+    char first = 0;
+    EXPECT_EQ(1, io->read(&first, 1, user)); // a single byte too
+    EXPECT_EQ('O', first);                   // of "OggS"
+    ASSERT_TRUE(closed->open(tempPath("one.bin"), VFS_WRITE));
+    EXPECT_EQ(1, io->write("x", 1, user));
+    closed->close();
 }
 
 // Three frames, none for the tail, then a stop (callback once, also after a second stop()) or, looping, the first
