@@ -75,6 +75,12 @@ TEST(RtpPacket, BuildsTheFixedHeaderInPlaceAndParsesFromByteTwelve)
     EXPECT_EQ(8u, csrcs.payloadType());
     EXPECT_EQ(9, csrcs.m_payload[3]);
     EXPECT_EQ(csrcs.m_data->data() + 12, csrcs.m_payload);
+
+    // A header extension's head that ends the packet leaves an empty payload; one byte short, it is cut.
+    const SonraRtpPacket bare(bytesFrame(packetOf(1, 0, {0xbe, 0xde, 0, 0}, 0x90)));
+    EXPECT_TRUE(bare.isWellFormed());
+    EXPECT_EQ((std::vector<std::size_t>{16, 16}), (std::vector<std::size_t>{bare.payloadBegin(), bare.payloadEnd()}));
+    EXPECT_FALSE(SonraRtpPacket(bytesFrame(packetOf(1, 0, {0xbe, 0xde, 0}, 0x90))).isWellFormed());
 }
 
 TEST(RtpSender, NumbersPacketsAndStampsThemInSamples)
@@ -369,6 +375,17 @@ TEST(RtpReceiverDecoded, ComfortNoiseAtItsLevelEventsAsDigitsRefusalsByReason)
     EXPECT_EQ((std::vector<uint64_t>{4, 0, 1, 1, 11, 0}), (std::vector<uint64_t>{stats.eventPackets, stats.packetsLate,
               stats.refusedUnmapped, stats.refusedMalformed, stats.packetsPlayed, stats.concealedMs}));
     EXPECT_EQ(96, stats.lastUnmappedPayloadType);
+
+    // Comfort noise that opens a stream lasts one 20 ms packet: the audio after it plays whole.
+    DecodingRig opening;
+    Arrivals noiseFirst{{0, rtp(13, 0, 0, 7, {40})}};
+    Bytes codes;
+    sonratest::Samples audio;
+    for (unsigned k = 0; k < 480; ++k)
+        codes.push_back(Bytes::value_type(k * 7)), audio.push_back(alaw2linear(codes.back()));
+    for (unsigned k = 1; k <= 3; ++k)
+        noiseFirst.emplace(k, rtp(8, k, 160 * k, 7, sonratest::slice(codes, 160 * (k - 1), 160)));
+    EXPECT_EQ(audio, sonratest::slice(joined(opening.play(noiseFirst, 8)), 160, 480));
 }
 
 namespace {
