@@ -6,6 +6,8 @@
 #include <gtest/gtest.h>
 
 #include <future>
+#include <tuple>
+#include <utility>
 
 namespace {
 
@@ -14,10 +16,13 @@ const double SECONDS = 3; // s of every call
 
 sonratest::Command run(const std::string& command) { return sonratest::shell(command + " 2>&1"); }
 
-unsigned freePort()
+// Two free ports, told apart: both are held while the second is drawn.
+std::pair<unsigned, unsigned> twoFreePorts()
 {
     boost::asio::io_service io;
-    return boost::asio::ip::udp::socket(io, {boost::asio::ip::address_v4::loopback(), 0}).local_endpoint().port();
+    const boost::asio::ip::udp::endpoint any(boost::asio::ip::address_v4::loopback(), 0);
+    boost::asio::ip::udp::socket first(io, any), second(io, any);
+    return {first.local_endpoint().port(), second.local_endpoint().port()};
 }
 
 // Four bursts a second, so that noise suppression takes the tone for a voice, not for noise.
@@ -62,7 +67,8 @@ struct RtpCall : ::testing::Test {
 
 TEST_F(RtpCall, TwoEndsHearEachOther)
 {
-    const unsigned first = freePort(), second = freePort();
+    unsigned first, second;
+    std::tie(first, second) = twoFreePorts();
     auto one = callEnd("opus", 48000, 440, first, second, heardFirst);
     auto other = callEnd("opus", 48000, 1000, second, first, heardSecond);
     for (const sonratest::Command& end : {one.get(), other.get()}) {
@@ -80,12 +86,14 @@ TEST_F(RtpCall, GStreamerAtTheFarEndHearsUsAndIsHeard)
         {"pcmu", 8000, "mulawenc ! rtppcmupay", "clock-rate=8000,encoding-name=PCMU,payload=0", "rtppcmudepay ! mulawdec"},
     };
     for (const auto& peer : peers) {
-        const unsigned ours = freePort(), theirs = freePort();
+        unsigned ours, theirs;
+        std::tie(ours, theirs) = twoFreePorts();
         const std::string raw = sonratest::tempPath("call_gst.raw");
         const std::string rate = std::to_string(peer.rate);
-        // gst-launch turns SIGINT, which timeout passes on, into an end of stream.
+        // gst-launch turns SIGINT, which timeout passes on, into an end of stream;
+        // one that hangs on it is killed 5 s later.
         auto far = std::async(std::launch::async, [&] {
-            return run("timeout -s INT " + std::to_string(SECONDS + 1) + " gst-launch-1.0 -q -e audiotestsrc is-live=true "
+            return run("timeout -k 5 -s INT " + std::to_string(SECONDS + 1) + " gst-launch-1.0 -q -e audiotestsrc is-live=true "
                        "freq=1000 ! audio/x-raw,channels=1,rate=" + rate + " ! " + peer.encode + " ! udpsink host=127.0.0.1 port=" +
                        std::to_string(ours) + " udpsrc address=127.0.0.1 port=" + std::to_string(theirs) +
                        " caps='application/x-rtp,media=audio," + peer.caps + "' ! " + peer.decode + " ! audioconvert ! "

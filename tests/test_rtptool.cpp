@@ -102,9 +102,10 @@ TEST_F(RtpTool, GStreamerAndWeHearEachOtherExactlyInEveryCodecAndPacketTime)
         sonratest::Samples reference;
         if (c.weSend) {
             const std::string pid = sonratest::tempPath("rtp_gst.pid");
-            // gst-launch turns SIGINT, which timeout passes on, into an end of stream.
+            // gst-launch turns SIGINT, which timeout passes on, into an end of stream;
+            // one that hangs on it is killed 5 s later.
             auto peer = std::async(std::launch::async, [&] {
-                return run("echo $$ >" + pid + "; exec timeout -s INT 15 gst-launch-1.0 -q -e udpsrc address=127.0.0.1 port=" +
+                return run("echo $$ >" + pid + "; exec timeout -k 5 -s INT 15 gst-launch-1.0 -q -e udpsrc address=127.0.0.1 port=" +
                            port + " caps='application/x-rtp,media=audio," + c.codec.caps + "' ! " + c.codec.depayloader +
                            " ! " + c.codec.decoder + " ! audio/x-raw,format=S16LE,channels=1 ! filesink buffer-mode=unbuffered location=" + raw);
             });
