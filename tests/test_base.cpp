@@ -175,6 +175,12 @@ TEST(Logging, DebugRecordsOnlyForEnabledCategoriesWarningsAlways)
     EXPECT_EQ((std::vector<std::string>{"code=-6"}), capture.texts(LogSeverity::Warning));
     EXPECT_EQ((std::vector<std::string>{"JBuf m_dynMinBufTime=40, m_dynCounter=-3, on=true", " \"quoted\"7"}),
               capture.texts());
+
+    setLogSink(LogSink()); // none: a line each on the standard error stream
+    testing::internal::CaptureStderr();
+    warning("test", false) << "code=" << 5;
+    debug("test", 0, false) << "on";
+    EXPECT_EQ("[warning] test: code=5\n[debug] test: on\n", testing::internal::GetCapturedStderr());
 }
 
 void failingPrecondition(int* pointer)

@@ -32,6 +32,9 @@ TEST(Echo, DefaultCancellerMeetsItsFiguresInTheSimulatedRoom)
         {"double talk from 5 to 9 s", true, 5000, 9000, 0, 3.0, 0.9},
         {"no echo path, near end from 2 s", false, 2000, CALL_MS, 0, 1.0, 0.99},
     };
+    // Blocks of whole 10 ms chunks go straight through; others lag one chunk.
+    EXPECT_EQ(0u, SonraEchoCanceller(SonraEchoCanceller::WEBRTC, 16000, 1, 1, 320).latencyFrames());
+    EXPECT_EQ(160u, SonraEchoCanceller(SonraEchoCanceller::SPEEX, 16000, 1, 1, 100).latencyFrames());
     for (const auto& call : calls) {
         SCOPED_TRACE(call.name);
         SonraEchoTrial trial;
