@@ -367,12 +367,13 @@ TEST(RtpReceiverDecoded, ComfortNoiseAtItsLevelEventsAsDigitsRefusalsByReason)
     arrivals.emplace(14, rtp(101, 14, 2400, 7, {11, 0x8a, 0, 160}));
     arrivals.emplace(15, rtp(96, 15, 2560, 7, {1}));
     arrivals.emplace(15, sonratest::concat(Bytes{0x40}, rtp(8, 15, 2560, 7, {1})));
+    arrivals.emplace(16, rtp(8, 16, 2720, 7, Bytes(SonraRtpReceiverNode::MAX_PAYLOAD_SIZE + 1, 0xd5)));
     const std::vector<sonratest::Samples> out = rig.play(arrivals, 60);
     const sonratest::Samples noise = joined(std::vector<sonratest::Samples>(out.begin() + 12, out.begin() + 50));
     EXPECT_NEAR(32767 * std::pow(10, -1.5), sonratest::rms(noise), 30);
     EXPECT_EQ("5#", rig.node->digits());
     const SonraRtpReceiverNode::Statistics stats = rig.node->statistics();
-    EXPECT_EQ((std::vector<uint64_t>{4, 0, 1, 1, 11, 0}), (std::vector<uint64_t>{stats.eventPackets, stats.packetsLate,
+    EXPECT_EQ((std::vector<uint64_t>{4, 0, 1, 2, 11, 0}), (std::vector<uint64_t>{stats.eventPackets, stats.packetsLate,
               stats.refusedUnmapped, stats.refusedMalformed, stats.packetsPlayed, stats.concealedMs}));
     EXPECT_EQ(96, stats.lastUnmappedPayloadType);
 
