@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <cmath>
 #include <chrono>
 #include <thread>
 
@@ -104,4 +105,22 @@ TEST(Echo, VirtualDeviceCancelsInItsRoomWhileThePathMoves)
     ASSERT_EQ(0, device.start(stereoIn, [](const char*, int, char*, int, int) { return false; }, &message));
     device.stop();
     EXPECT_TRUE(device.echoMeter().blocks().empty());
+}
+
+// The room's impulse response: the direct path at its delay and gain, then
+// within the tail's length a tail whose energy lies tailDb below it.
+TEST(Echo, RoomImpulseResponseIsTheDirectPathThenTheTailAsAsked)
+{
+    const SonraEchoPath path; // 40 ms at -6 dB; a 300 ms tail at -6 dB
+    const std::vector<std::pair<unsigned, float> > taps = SonraEchoRoom(16000, 1, path).impulseResponse(0);
+    ASSERT_GT(taps.size(), 100u);
+    EXPECT_EQ(640u, taps[0].first);
+    EXPECT_NEAR(std::pow(10.0, -6 / 20.0), taps[0].second, 1e-6);
+    double tail = 0;
+    for (std::size_t i = 1; i < taps.size(); ++i) {
+        EXPECT_GT(taps[i].first, 640u);
+        EXPECT_LT(taps[i].first, 640u + 4800u);
+        tail += double(taps[i].second) * taps[i].second;
+    }
+    EXPECT_NEAR(-6.0, 10 * std::log10(tail / (double(taps[0].second) * taps[0].second)), 0.01);
 }
