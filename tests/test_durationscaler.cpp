@@ -71,7 +71,7 @@ TEST(DurationScaler, SplitsGathersAndCopies)
 // piece of a 50 ms frame are padded with silence, an odd byte does no harm.
 TEST(DurationScaler, FramesOfTheWrongSizeStayInsideTheBuffers)
 {
-    ScalerGraph gather(20, 60), split(60, 20), uneven(50, 20), unevenGather(20, 50);
+    ScalerGraph gather(20, 60), split(60, 20), uneven(50, 20), unevenGather(20, 50), same(20, 20);
     EXPECT_EQ(gather.feed({frameOf(ramp(320)), frameOf(ramp(1000, 321)), frameOf(ramp(320))}), (Outputs{{}, ramp(960), {}}));
     EXPECT_EQ(split.feed({frameOf(ramp(2000)), NONE, NONE, frameOf(ramp(400)), NONE, NONE}),
               (Outputs{ramp(320), ramp(320, 321), ramp(320, 641), ramp(320), ramp(80, 321, 240), ramp(0, 1, 320)}));
@@ -79,6 +79,7 @@ TEST(DurationScaler, FramesOfTheWrongSizeStayInsideTheBuffers)
     EXPECT_EQ(uneven.feed({frameOf(ramp(800)), NONE, NONE, NONE}),
               (Outputs{ramp(320), ramp(320, 321), ramp(160, 641, 160), {}}));
     EXPECT_EQ(ramp(800), unevenGather.runInPieces(ramp(960), {320}));
+    EXPECT_EQ(same.feed({frameOf(ramp(100)), frameOf(ramp(220, 101))}), (Outputs{{}, ramp(320)})); // equal: gathers
 }
 
 // Reset drops a gathered part; a split in progress hands out silence for the

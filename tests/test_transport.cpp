@@ -108,6 +108,8 @@ TEST(Jbuf, PlaysInOrderUnderrunsThenReanchorsAndRefusesTheOld)
     JbufRig ahead;
     ahead.puts(concat(range(1, 19), Seqs{30}));
     EXPECT_EQ(11u, ahead.jbuf.statistics().framesDropped); // 30 moves the head to 12 exactly (lead 18)
+    ahead.jbuf.setDelayRecalcPeriods(1, 2); // unused, yet it resets like every setting
+    EXPECT_EQ((Counts{0, 0}), (Counts{ahead.jbuf.statistics().framesPut, ahead.get()}));
 }
 
 // Each case: its configuration, the frames put, what the gets deliver, how many queues log each put and get.
