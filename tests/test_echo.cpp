@@ -124,3 +124,13 @@ TEST(Echo, RoomImpulseResponseIsTheDirectPathThenTheTailAsAsked)
     }
     EXPECT_NEAR(-6.0, 10 * std::log10(tail / (double(taps[0].second) * taps[0].second)), 0.01);
 }
+
+// Quiet echo is measured too: a block is active against the loudest so far, not against full scale.
+TEST(Echo, MeterJudgesActivityAgainstTheLoudestBlock)
+{
+    SonraEchoMeter meter(20);
+    const std::vector<short> played(320, 1000), echo(320, 100), cleaned(320, 10); // about -30, -50 and -70 dBFS
+    for (int block = 0; block < 20; ++block)
+        meter.add(played.data(), played.size(), echo.data(), cleaned.data(), echo.size());
+    EXPECT_NEAR(20.0, meter.erleCurve(200).back(), 1e-9);
+}
