@@ -468,6 +468,17 @@ TEST(Jbuf, AdaptivePlayoutFollowsASpikeWithoutRepeatingAndFixedIsTheDefault)
     EXPECT_EQ((Counts{3, 1, 2, 1, 6}), (Counts{a.switchesDeeper, a.switchesShallower, a.framesHeld, a.framesSkipped,
                                                a.playedDepth}));
     EXPECT_EQ(1500u, a.framesPlayed + a.framesHeld + a.underruns); // every get: played, held or dry
+
+    // A descent before the stream's first frame passes over nothing.
+    JbufRig early;
+    early.jbuf.setDelays(40, 20, 100, 300);
+    early.jbuf.setPlayoutPolicy(SonraJbuf::PLAYOUT_ADAPTIVE);
+    for (unsigned get = 1; get < SonraJbuf::PLAYOUT_DESCENT_HOLD_MS / 20; ++get)
+        early.now += 20, early.get();
+    early.put(50);
+    EXPECT_EQ(50u, early.get()); // the descent's get
+    const SonraJbufStatistics e = early.jbuf.statistics();
+    EXPECT_EQ((Counts{1, 0, 1}), (Counts{e.switchesShallower, e.framesSkipped, e.playedDepth}));
 }
 
 // 60 s of packets every 20 ms over 20 ms of delay; every 8 s, three packets 100 ms apart take 150 ms more.
