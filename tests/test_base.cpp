@@ -194,6 +194,9 @@ TEST(AssertionDeathTest, NamesTheExpressionTheFunctionAndTheSourceAndBoostsRepor
                  "Assertion \"pointer!=0\" failed in function \"failingPrecondition\" of \"tests/test_base\"");
     boost::scoped_ptr<int> missing;
     EXPECT_DEATH((void)*missing, "px != 0");
+    EXPECT_DEATH(BOOST_ASSERT_MSG(missing, "set first"), "Assertion \"missing\" failed");
+    // Only a file's own extension goes, not a dot in a folder's name.
+    EXPECT_DEATH(boost::assertion_failed("x", "f", "lib.d/noext", 0), "of \"lib.d/noext\"");
 }
 
 } // namespace

@@ -268,6 +268,7 @@ TEST(FileWriter, RecordsOggVorbisThatSoxReadsBack)
     EXPECT_EQ(0, io->write("x", 1, user));
     EXPECT_EQ((std::vector<sf_count_t>{-1, -1, -1}), (std::vector<sf_count_t>{io->get_filelen(user),
                                                                               io->seek(0, SEEK_SET, user), io->tell(user)}));
+    EXPECT_EQ((std::vector<int>{1, 2}), (std::vector<int>{VFS_READ, VFS_WRITE})); // the modes' published values
     ASSERT_TRUE(closed->open(tempPath("stereo.ogg"), VFS_READ));
     char first = 0;
     EXPECT_EQ(1, io->read(&first, 1, user)); // a single byte too

@@ -7,6 +7,7 @@
 #include "sonrartppacket.h"
 #include "sonrartpreceivernode.h"
 #include "sonrartpsendernode.h"
+#include "sonrartpsourcelock_p.h"
 
 #include <gtest/gtest.h>
 #include <opus.h>
@@ -81,6 +82,24 @@ TEST(RtpPacket, BuildsTheFixedHeaderInPlaceAndParsesFromByteTwelve)
     EXPECT_TRUE(bare.isWellFormed());
     EXPECT_EQ((std::vector<std::size_t>{16, 16}), (std::vector<std::size_t>{bare.payloadBegin(), bare.payloadEnd()}));
     EXPECT_FALSE(SonraRtpPacket(bytesFrame(packetOf(1, 0, {0xbe, 0xde, 0}, 0x90))).isWellFormed());
+}
+
+// Two packets in a row lock a source; another takes over with its fifth in a row once the first has been quiet.
+TEST(RtpSourceLock, LocksOnTwoInARowAndHandsOverAfterQuietAndARun)
+{
+    SonraRtpSourceLock lock;
+    SonraRtpSourceLock::Datagram previous;
+    const Frame datagram = bytesFrame({1});
+    const auto check = [&](uint32_t ssrc, uint16_t seqNum, uint64_t now) {
+        return lock.check(ssrc, seqNum, datagram, now, 1000, 5, previous);
+    };
+    EXPECT_EQ(SonraRtpSourceLock::REFUSE, check(7, 1, 0));
+    EXPECT_EQ(SonraRtpSourceLock::FIRST_LOCK, check(7, 2, 20));
+    EXPECT_EQ(SonraRtpSourceLock::REFUSE, check(9, 1, 40)); // heard just now: nobody takes over
+    for (uint16_t seqNum = 100; seqNum < 104; ++seqNum)
+        EXPECT_EQ(SonraRtpSourceLock::REFUSE, check(9, seqNum, 1000 + seqNum));
+    EXPECT_EQ(SonraRtpSourceLock::TAKE_OVER, check(9, 104, 1104));
+    EXPECT_EQ(SonraRtpSourceLock::REFUSE, check(7, 3, 1120));
 }
 
 TEST(RtpSender, NumbersPacketsAndStampsThemInSamples)

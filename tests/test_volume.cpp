@@ -39,6 +39,7 @@ TEST_F(VolumeGraph, RoundsHalvesAwayFromZeroAndAmplificationIsLimited)
     volume->setVolume(1.0f);
     EXPECT_EQ(10000, run({28671, 10000}, 1)[0]);
     EXPECT_EQ((Samples{-25805, 9000}), run({-28672, 10000})); // on the threshold: gain 0.9
+    EXPECT_EQ(4507, run({5000})[0]); // unity volume still recovers from the cut
 }
 
 TEST_F(VolumeGraph, WorksInPlaceAndMuteSilencesEveryByteAndLeavesTheLimiterAlone)
