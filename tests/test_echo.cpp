@@ -109,7 +109,7 @@ TEST(Echo, VirtualDeviceCancelsInItsRoomWhileThePathMoves)
 
 // The room's impulse response: the direct path at its delay and gain, then
 // within the tail's length a tail whose energy lies tailDb below it.
-TEST(Echo, RoomImpulseResponseIsTheDirectPathThenTheTailAsAsked)
+TEST(Echo, RoomImpulseResponseAndMicrophoneNoiseAreAsAsked)
 {
     const SonraEchoPath path; // 40 ms at -6 dB; a 300 ms tail at -6 dB
     const std::vector<std::pair<unsigned, float> > taps = SonraEchoRoom(16000, 1, path).impulseResponse(0);
@@ -123,6 +123,13 @@ TEST(Echo, RoomImpulseResponseIsTheDirectPathThenTheTailAsAsked)
         tail += double(taps[i].second) * taps[i].second;
     }
     EXPECT_NEAR(-6.0, 10 * std::log10(tail / (double(taps[0].second) * taps[0].second)), 0.01);
+
+    // What the microphone takes from a silent room: its noise, at noiseDb.
+    SonraEchoRoom quiet(16000, 1, path);
+    std::vector<short> silence(16000, 0), captured(16000, 0);
+    quiet.play(silence.data(), 16000, 1);
+    quiet.capture(captured.data(), 16000);
+    EXPECT_NEAR(path.noiseDb, SonraEchoMeter::levelDb(captured.data(), captured.size()), 1.0);
 }
 
 // Quiet echo is measured too: a block is active against the loudest so far, not against full scale.
@@ -133,4 +140,5 @@ TEST(Echo, MeterJudgesActivityAgainstTheLoudestBlock)
     for (int block = 0; block < 20; ++block)
         meter.add(played.data(), played.size(), echo.data(), cleaned.data(), echo.size());
     EXPECT_NEAR(20.0, meter.erleCurve(200).back(), 1e-9);
+    EXPECT_NEAR(std::pow(1000 / 32768.0, 2), meter.blocks()[0].played, 1e-12); // mean square, full scale 1
 }
