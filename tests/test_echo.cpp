@@ -141,4 +141,35 @@ TEST(Echo, MeterJudgesActivityAgainstTheLoudestBlock)
         meter.add(played.data(), played.size(), echo.data(), cleaned.data(), echo.size());
     EXPECT_NEAR(20.0, meter.erleCurve(200).back(), 1e-9);
     EXPECT_NEAR(std::pow(1000 / 32768.0, 2), meter.blocks()[0].played, 1e-12); // mean square, full scale 1
+    const short a[] = {1, 2, 3, 100}, b[] = {2, 4, 6, -7};
+    EXPECT_NEAR(1.0, SonraEchoMeter::correlation(a, b, 3), 1e-12); // the first three alone
+}
+
+// A path set while the stream runs reaches the room: 40 dB quieter, so is the echo.
+TEST(Echo, ControlHandsAPathChangeToItsRoom)
+{
+    const SonraEchoPath loud;
+    SonraEchoControl control(RATE, 320, 20, 1, 1, false, SonraEchoCanceller::DEFAULT_ENGINE, &loud);
+    const std::vector<short> microphone(320, 0);
+    std::vector<short> loudspeaker(320);
+    for (unsigned block = 0; block < 100; ++block) {
+        if (block == 50) {
+            SonraEchoPath quiet = loud;
+            quiet.gainDb -= 40, quiet.tailDb = -100;
+            control.setEchoPath(quiet);
+        }
+        control.processBlock(reinterpret_cast<const char*>(microphone.data()), 640,
+                             reinterpret_cast<char*>(loudspeaker.data()), 640, 0, [&](const char*, int, char* out, int, int) {
+                                 std::copy_n(farVoice.begin() + at(20 * block), 320, reinterpret_cast<short*>(out));
+                                 return true;
+                             });
+    }
+    const SonraEchoMeter meter = control.meter();
+    const auto echoDb = [&](unsigned from, unsigned to) { // captured over played
+        double captured = 0, played = 0;
+        for (unsigned b = from; b < to; ++b)
+            captured += meter.blocks()[b].captured, played += meter.blocks()[b].played;
+        return 10 * std::log10(captured / played);
+    };
+    EXPECT_LT(echoDb(55, 100), echoDb(5, 50) - 30);
 }

@@ -479,6 +479,22 @@ TEST(Jbuf, AdaptivePlayoutFollowsASpikeWithoutRepeatingAndFixedIsTheDefault)
     EXPECT_EQ(50u, early.get()); // the descent's get
     const SonraJbufStatistics e = early.jbuf.statistics();
     EXPECT_EQ((Counts{1, 0, 1}), (Counts{e.switchesShallower, e.framesSkipped, e.playedDepth}));
+
+    // Without memory the share is the last frame's alone: one too-old frame climbs, punctual ones come back down.
+    const unsigned memory = SonraJbuf::PLAYOUT_SHARE_FRAMES;
+    SonraJbuf::PLAYOUT_SHARE_FRAMES = 0;
+    JbufRig forgetful;
+    forgetful.jbuf.setDelays(20, 20, 100, 300);
+    forgetful.jbuf.setPlayoutPolicy(SonraJbuf::PLAYOUT_ADAPTIVE);
+    forgetful.puts({1, 2, 4});
+    forgetful.gets(3); // 3 is due and missing: the head passes it
+    forgetful.put(3);  // too old for depth 1 only
+    forgetful.get();
+    const unsigned climbed = forgetful.jbuf.statistics().playedDepth;
+    for (unsigned n = 5; n < 400; ++n)
+        forgetful.put(n), forgetful.get();
+    SonraJbuf::PLAYOUT_SHARE_FRAMES = memory;
+    EXPECT_EQ((Counts{2, 1}), (Counts{climbed, forgetful.jbuf.statistics().playedDepth}));
 }
 
 // 60 s of packets every 20 ms over 20 ms of delay; every 8 s, three packets 100 ms apart take 150 ms more.
