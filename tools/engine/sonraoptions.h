@@ -30,7 +30,7 @@ unsigned whole(const std::string& option, const std::string& text, double lowest
 // checks them against its frame duration.
 void parseDelays(const std::string& option, const std::string& value, unsigned (&delays)[4]);
 
-// One of two words; true for `second` ("--policy fixed|adaptive").
+// One of two words; true for `second` ("--recovery on|off": true for off).
 bool eitherOr(const std::string& option, const std::string& value, const std::string& first,
               const std::string& second);
 
