@@ -3,6 +3,8 @@
 // is held to bare libopus by the opusdec fuzz target's corpus.)
 #include "sonraopusdecnode.h"
 #include "sonraopusencnode.h"
+#include "sonrapacket.h"
+#include "sonrareceivernode.h"
 #include "testutil.h"
 
 #include <opus.h>
@@ -150,4 +152,88 @@ TEST(OpusFec, RebuildsALostFrameBetterThanConcealment)
     const double fromFec = bestAlignment(whole[LOST], late[LOST + 1], 0, 0, 0).correlation;
     const double fromConcealment = bestAlignment(whole[LOST], concealed[LOST], 0, 0, 0).correlation;
     EXPECT_GT(fromFec, fromConcealment + 0.3) << fromFec << " " << fromConcealment;
+}
+
+namespace {
+
+// 40 frames of a 200 Hz tone through a receiver and a decoder: packet 4 comes two frames late, after 6, and the
+// jitter buffer (adaptive from 20 to 60 ms, deciding on the last frame alone, descending after 200 ms) climbs two
+// frames, then comes back down one at a time.
+// Each graph frame's output, empty for none.
+std::vector<Samples> throughAClimbAndADescent(bool stretching, SonraJbufStatistics& statistics)
+{
+    const unsigned memory = SonraJbuf::PLAYOUT_SHARE_FRAMES, hold = SonraJbuf::PLAYOUT_DESCENT_HOLD_MS;
+    SonraJbuf::PLAYOUT_SHARE_FRAMES = 0;
+    SonraJbuf::PLAYOUT_DESCENT_HOLD_MS = 200;
+    const unsigned rate = 16000, n = 320; // Hz, samples per frame
+    auto receiver = boost::make_shared<SonraReceiverNode>(ioService(), 20, rate);
+    auto decoder = boost::make_shared<SonraOpusDecNode>(ioService(), 20, rate);
+    auto pipe = boost::make_shared<SonraPipe>(20);
+    pipe->connect(receiver, decoder);
+    receiver->setDelays(20, 20, 60, 300);
+    receiver->setPlayoutPolicy(SonraJbuf::PLAYOUT_ADAPTIVE);
+    receiver->setTimeStretching(stretching);
+    decoder->setTimeStretching(stretching ? receiver : boost::shared_ptr<SonraReceiverNode>());
+    Bare source(rate);
+    const Samples tone = sine(200, rate, 41 * n);
+    std::vector<Samples> out;
+    for (unsigned k = 0; k < 40; ++k) {
+        for (unsigned seqNum : k == 3 ? std::vector<unsigned>{} : k == 5 ? std::vector<unsigned>{6, 4} : std::vector<unsigned>{k + 1}) {
+            Frame datagram = bytesFrame(source.encode(slice(tone, (seqNum - 1) * n, n)));
+            SonraPacket(datagram, seqNum, seqNum * 20);
+            receiver->dataReceived(datagram);
+        }
+        pipe->processFrame();
+        out.push_back(samplesOf(decoder->outputData()));
+    }
+    statistics = receiver->statistics();
+    pipe->clear();
+    SonraJbuf::PLAYOUT_SHARE_FRAMES = memory;
+    SonraJbuf::PLAYOUT_DESCENT_HOLD_MS = hold;
+    return out;
+}
+
+unsigned zeroCrossings(const Samples& pcm)
+{
+    unsigned count = 0;
+    for (std::size_t i = 1; i < pcm.size(); ++i)
+        count += (pcm[i - 1] < 0) != (pcm[i] < 0);
+    return count;
+}
+
+} // namespace
+
+// The frame before the climb plays on over the first period the climb holds, and the frames the descents pass
+// over play with the next: the tone keeps its pitch and no step breaks it.
+TEST(OpusStretch, ClimbsAndDescentsPlaySlowerAndFasterInsteadOfHoldingAndSkipping)
+{
+    SonraJbufStatistics plainCounts, counts;
+    const std::vector<Samples> plain = throughAClimbAndADescent(false, plainCounts);
+    const std::vector<Samples> stretched = throughAClimbAndADescent(true, counts);
+    std::vector<unsigned> silent, plainSilent;
+    for (unsigned k = 0; k < 40; ++k) {
+        if (stretched[k].empty())
+            silent.push_back(k);
+        if (plain[k].empty())
+            plainSilent.push_back(k);
+    }
+    // Packet 4 missing at its period; the climb of two depths holds two periods, the first one covered.
+    EXPECT_EQ((std::vector<unsigned>{3, 5, 6}), plainSilent);
+    EXPECT_EQ((std::vector<unsigned>{3, 7}), silent);
+    typedef std::vector<uint64_t> Counts;
+    EXPECT_EQ((Counts{1, 2, 1, 2}), (Counts{counts.switchesDeeper, counts.switchesShallower, counts.framesExpanded,
+                                           counts.framesAccelerated}));
+    EXPECT_EQ((Counts{0, 0, 2}), (Counts{plainCounts.framesExpanded, plainCounts.framesAccelerated,
+                                        plainCounts.framesSkipped}));
+    int largestStep = 0; // within runs of periods that played
+    for (unsigned k = 4; k < 40; ++k) {
+        if (stretched[k].empty())
+            continue;
+        EXPECT_NEAR(8, int(zeroCrossings(stretched[k])), 2) << "frame " << k; // 4 or 16 if the pitch moved
+        const Samples& before = stretched[k - 1];
+        const Samples run = before.empty() ? stretched[k] : concat(Samples{before.back()}, stretched[k]);
+        for (std::size_t i = 1; i < run.size(); ++i)
+            largestStep = std::max(largestStep, std::abs(run[i] - run[i - 1]));
+    }
+    EXPECT_LT(largestStep, 2000); // the tone itself moves up to 785 a sample
 }

@@ -542,3 +542,58 @@ TEST(Jbuf, HistogramPlayoutHoldsTheDepthOfRecurringSpikesWithoutRepeating)
     SonraJbuf::PLAYOUT_HISTOGRAM_TAIL = usualTail;
     EXPECT_EQ(1u, punctual.jbuf.statistics().playedDepth);
 }
+
+// With time stretching, a climb whose new queue has nothing to deliver at once delivers the left queue's frame, to
+// be played over the period the climb then holds; a descent hands over the frame it passes over first. Nothing
+// repeats or comes out of order.
+TEST(Jbuf, TimeStretchingExpandsBeforeAHoldAndHandsOverWhatADescentPassesOver)
+{
+    for (SonraJbuf::PlayoutPolicy policy : {SonraJbuf::PLAYOUT_ADAPTIVE, SonraJbuf::PLAYOUT_HISTOGRAM}) {
+        JbufRig plain, rig;
+        plain.jbuf.setPlayoutPolicy(policy);
+        playThroughSpike(plain);
+        rig.jbuf.setPlayoutPolicy(policy);
+        rig.jbuf.setTimeStretching(true);
+        rig.jbuf.setDelays(60, 20, 200, 300);
+        // playThroughSpike's network, with the requests read after each get.
+        sonranetsim::Random random(7);
+        std::multimap<double, unsigned> inFlight;
+        Seqs heard; // every frame delivered or handed over, in order
+        unsigned expandsHeld = 0, expands = 0;
+        bool heldNext = false;
+        for (unsigned n = 1; n <= 1500; ++n) {
+            const double sent = 20.0 * n, spike = sent < 4000 ? 0 : std::max(0.0, 4300 - sent);
+            const double arrival = sent + 20 + 30 / std::sqrt(random.uniformOpen()) - 30 + spike;
+            if (random.next() % 50 != 0)
+                inFlight.emplace(arrival, n);
+            for (rig.now = 20 * n; !inFlight.empty() && inFlight.begin()->first <= rig.now;
+                 inFlight.erase(inFlight.begin()))
+                rig.put(inFlight.begin()->second);
+            const unsigned got = rig.get();
+            expandsHeld += heldNext && got == 0;
+            const SonraJbufStretchRequest& request = rig.jbuf.stretchRequest();
+            heldNext = request.expand;
+            expands += request.expand;
+            EXPECT_TRUE(got != 0 || (!request.expand && !request.passedOver));
+            if (request.passedOver) {
+                EXPECT_EQ(payload(request.passedOverSeqNum)->at(0), request.passedOver->at(0));
+                EXPECT_EQ(heard.back() + 1, request.passedOverSeqNum);
+                heard.push_back(request.passedOverSeqNum);
+            }
+            if (got)
+                heard.push_back(got);
+        }
+        EXPECT_TRUE(std::is_sorted(heard.begin(), heard.end(), std::less<unsigned>())) << policy;
+        const SonraJbufStatistics p = plain.jbuf.statistics(), s = rig.jbuf.statistics();
+        // The same moves as without stretching. A climb whose new queue plays at once, or whose left queue has
+        // nothing due, expands nothing; every descent passes over one frame and hands it over.
+        EXPECT_EQ((Counts{p.switchesDeeper, p.switchesShallower, p.framesSkipped}),
+                  (Counts{s.switchesDeeper, s.switchesShallower, s.framesSkipped}));
+        EXPECT_EQ(policy == SonraJbuf::PLAYOUT_ADAPTIVE ? (Counts{3, 1, 1, 1, 1}) : (Counts{4, 2, 1, 1, 2}),
+                  (Counts{s.switchesDeeper, s.switchesShallower, s.framesExpanded, expandsHeld, s.framesAccelerated}));
+        EXPECT_EQ(s.switchesShallower, s.framesSkipped);
+        EXPECT_EQ(expands, s.framesExpanded);
+        EXPECT_EQ(heard.size(), s.framesPlayed + s.framesAccelerated);
+        EXPECT_EQ((Counts{0, 0}), (Counts{p.framesExpanded, p.framesAccelerated}));
+    }
+}

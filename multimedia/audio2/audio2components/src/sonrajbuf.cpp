@@ -26,6 +26,8 @@ struct SonraJbuf_p {
     bool m_recovery;                            // see SonraJbuf::setRecovery
     SonraJbuf::PlayoutPolicy m_playoutPolicy;   // see SonraJbuf::setPlayoutPolicy
     SonraJbufPolicy m_policy;                   // which queue plays; restarted by every reset
+    bool m_stretching;                          // see SonraJbuf::setTimeStretching
+    SonraJbufStretchRequest m_stretchRequest;   // what the last getFrame asks of the consumer
 };
 
 namespace {
@@ -315,6 +317,7 @@ SonraJbuf::SonraJbuf(unsigned int frameDuration) : d(new SonraJbuf_p)
     d->m_extraJitterFrames = 0;
     d->m_recovery = false;
     d->m_playoutPolicy = PLAYOUT_INITIAL_DELAY;
+    d->m_stretching = false;
     reset();
 }
 
@@ -389,6 +392,8 @@ void SonraJbuf::reset()
     const SonraJbufPolicyConfig policy{d->m_playoutPolicy, d->m_frameDuration, bufSize,
                                        d->m_initialBufDepth - d->m_minBufDepth};
     d->m_policy.restart(policy, ladder, depths);
+    d->m_policy.setStretching(d->m_stretching);
+    d->m_stretchRequest = SonraJbufStretchRequest();
     for (SonraJbufSimple* queue : ladder) {
         queue->setRecovery(d->m_recovery);
         queue->setWarmUp(d->m_policy.warmsUpQueues());
@@ -411,23 +416,60 @@ void SonraJbuf::putFrame(boost::shared_ptr<std::vector<char> > frame, unsigned i
 unsigned int SonraJbuf::getFrame(boost::shared_ptr<std::vector<char> >& frame, unsigned int* seqNum,
                                  unsigned int* timeStamp)
 {
+    d->m_stretchRequest = SonraJbufStretchRequest();
     const std::size_t playedIndex = d->m_policy.choose();
-    // Every queue is advanced; only the played one's frame is kept.
+    unsigned passOverSeqNum = 0;
+    const bool mayPassOver = d->m_policy.passOverCandidate(&passOverSeqNum);
+    const std::size_t fallbackIndex = d->m_policy.fallbackQueue();
+    // Every queue is advanced; only the played one's frame is kept, and,
+    // with time stretching, the frame of the queue a climb left or the
+    // frame a descent would pass over first.
     boost::shared_ptr<SonraJbufFrame_p> played;
+    boost::shared_ptr<SonraJbufFrame_p> fallback;
+    boost::shared_ptr<SonraJbufFrame_p> passedOver;
     std::size_t index = 0; // ascending depth
     for (const auto& queue : d->m_queues) {
         boost::shared_ptr<SonraJbufFrame_p> taken = queue.second->getFrame();
-        if (index++ == playedIndex)
+        if (index == playedIndex)
             played.swap(taken);
+        else if (index == fallbackIndex)
+            fallback.swap(taken);
+        else if (mayPassOver && taken && taken->m_seqNum == passOverSeqNum && !taken->m_delivered)
+            passedOver.swap(taken);
+        ++index;
     }
-    if (!d->m_policy.admit(played.get()))
-        return 1;
+    if (!d->m_policy.admit(played.get())) {
+        if (!fallback || !d->m_policy.admitFallback(fallback.get(), fallbackResidence(*fallback)))
+            return 1;
+        played.swap(fallback);
+        d->m_stretchRequest.expand = true;
+    }
+    notePassedOver(*played, passedOver);
     frame = played->m_data;
     if (seqNum)
         *seqNum = played->m_seqNum;
     if (timeStamp)
         *timeStamp = played->m_timeStamp;
     return 0;
+}
+
+// `passedOver` is handed over when `played` is the first frame after it:
+// the descent passed it over.
+void SonraJbuf::notePassedOver(const SonraJbufFrame_p& played, const boost::shared_ptr<SonraJbufFrame_p>& passedOver)
+{
+    if (!passedOver || static_cast<int32_t>(played.m_seqNum - passedOver->m_seqNum) <= 0)
+        return;
+    passedOver->m_delivered = true;
+    d->m_stretchRequest.passedOver = passedOver->m_data;
+    d->m_stretchRequest.passedOverSeqNum = passedOver->m_seqNum;
+    d->m_policy.noteAccelerated();
+}
+
+// As a queue measures it for the frames it plays.
+unsigned SonraJbuf::fallbackResidence(const SonraJbufFrame_p& frame) const
+{
+    const unsigned now = currentTime();
+    return now >= frame.m_bufTime ? now - frame.m_bufTime : 0;
 }
 
 void SonraJbuf::setPlayoutPolicy(PlayoutPolicy policy)
@@ -447,6 +489,17 @@ unsigned SonraJbuf::PLAYOUT_PEAK_PERIOD_MS = 20000;
 
 unsigned SonraJbuf::RECOVERY_RUN_FRAMES = 4;
 unsigned SonraJbuf::RECOVERY_MAX_JUMP_MS = 2000;
+
+void SonraJbuf::setTimeStretching(bool enabled)
+{
+    d->m_stretching = enabled;
+    d->m_policy.setStretching(enabled);
+}
+
+const SonraJbufStretchRequest& SonraJbuf::stretchRequest() const
+{
+    return d->m_stretchRequest;
+}
 
 void SonraJbuf::setRecovery(bool enabled)
 {

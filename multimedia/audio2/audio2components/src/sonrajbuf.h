@@ -40,12 +40,28 @@ struct SonraJbufStatistics {
     uint64_t framesHeld = 0;        // frames a deeper queue had due again after a move: not played
                                     // (not in framesPlayed), each one period of added delay
     uint64_t framesSkipped = 0;     // sequence numbers passed over by a move to a shallower queue
+    // With time stretching on as well (SonraJbuf::setTimeStretching):
+    uint64_t framesExpanded = 0;    // frames of the queue a climb left, delivered to be played over two periods
+    uint64_t framesAccelerated = 0; // of framesSkipped, frames handed over to be played with the next in one period
     unsigned playedDepth = 0;       // frames, depth of the queue played now
     unsigned queuedFrames = 0;     // frames the queue counts as held now (a duplicate counts twice,
                                    // unless recovery is on)
     unsigned lastResidenceTime = 0; // ms the last played frame spent in the buffer
     unsigned lastSeqNum = 0;       // sequence number of the last played frame
     unsigned lastTimeStamp = 0;    // timestamp (ms) of the last played frame
+};
+
+// What the last SonraJbuf::getFrame asks of a consumer that plays decoded
+// audio at another speed (SonraJbuf::setTimeStretching); all empty
+// otherwise.
+struct SonraJbufStretchRequest {
+    // A climb holds the next get: play the delivered frame over two periods
+    // instead of one.
+    bool expand = false;
+    // A descent passed over this frame, the one right after the frame
+    // delivered before: play it and the delivered frame in one period.
+    boost::shared_ptr<std::vector<char> > passedOver;
+    unsigned passedOverSeqNum = 0; // its sequence number
 };
 
 // One playout queue of SonraJbuf with a fixed nominal depth D (frames): a
@@ -197,7 +213,24 @@ public:
     static unsigned PLAYOUT_PEAK_GAP_MS;      // ms without a too-old frame that ends a delay peak
     static unsigned PLAYOUT_PEAK_PERIOD_MS;   // ms: peaks closer than this recur, and their height is held
 
+    // Time stretching (off by default): under an adaptive policy, a move
+    // lets a consumer that decodes change the delay by playing speech
+    // slower or faster rather than by a held or a skipped frame. When the
+    // queue a climb moves to has nothing to deliver at once, the queue it
+    // left delivers its next frame, asking for it to be played over two
+    // periods, which covers the first get the climb holds. A descent hands
+    // over the first frame it passes over, to be played with the delivered
+    // one in one period; any further ones are skipped as before. stretchRequest() says what the last getFrame
+    // asks; statistics() counts framesExpanded and framesAccelerated. Keeps
+    // the frames.
+    void setTimeStretching(bool enabled);
+    // What the last getFrame asks of the consumer; empty when it delivered nothing.
+    const SonraJbufStretchRequest& stretchRequest() const;
+
 private:
+    void notePassedOver(const SonraJbufFrame_p& played, const boost::shared_ptr<SonraJbufFrame_p>& passedOver);
+    unsigned fallbackResidence(const SonraJbufFrame_p& frame) const;
+
     boost::scoped_ptr<SonraJbuf_p> d;
 };
 

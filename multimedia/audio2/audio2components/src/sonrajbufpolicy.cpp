@@ -22,7 +22,8 @@ void combineCounts(SonraJbufStatistics& into, const SonraJbufStatistics& plus, c
         &SonraJbufStatistics::duplicates, &SonraJbufStatistics::underruns, &SonraJbufStatistics::depthDecreases,
         &SonraJbufStatistics::framesStray, &SonraJbufStatistics::resyncs, &SonraJbufStatistics::switchesDeeper,
         &SonraJbufStatistics::switchesShallower, &SonraJbufStatistics::framesHeld,
-        &SonraJbufStatistics::framesSkipped};
+        &SonraJbufStatistics::framesSkipped, &SonraJbufStatistics::framesExpanded,
+        &SonraJbufStatistics::framesAccelerated};
     for (uint64_t SonraJbufStatistics::*count : counts)
         into.*count += plus.*count - minus.*count;
 }
@@ -42,6 +43,8 @@ void SonraJbufPolicy::restart(const SonraJbufPolicyConfig& config, const std::ve
     m_lastDeliveredSeqNum = 0;
     m_moveGets = 0;
     m_shrinking = false;
+    m_fallback = NO_FALLBACK;
+    m_fallbackLast = false;
     m_earlierPlayed = SonraJbufStatistics();
     m_playedSince = SonraJbufStatistics();
     m_histogramPuts = 0;
@@ -56,6 +59,11 @@ void SonraJbufPolicy::restart(const SonraJbufPolicyConfig& config, const std::ve
 bool SonraJbufPolicy::adaptive() const
 {
     return m_config.m_policy == SonraJbuf::PLAYOUT_ADAPTIVE || m_config.m_policy == SonraJbuf::PLAYOUT_HISTOGRAM;
+}
+
+void SonraJbufPolicy::setStretching(bool enabled)
+{
+    m_stretching = enabled;
 }
 
 bool SonraJbufPolicy::warmsUpQueues() const
@@ -157,6 +165,7 @@ std::size_t SonraJbufPolicy::choose()
         m_holdGets -= m_holdGets != 0;
         next = histogramChoice();
     }
+    m_fallback = NO_FALLBACK;
     if (next != m_played)
         move(next);
     return m_played;
@@ -220,6 +229,8 @@ void SonraJbufPolicy::move(std::size_t next)
     combineCounts(m_earlierPlayed, m_candidates[m_played].m_queue->statistics(), m_playedSince);
     m_playedSince = m_candidates[next].m_queue->statistics();
     m_shrinking = next < m_played;
+    if (m_stretching && !m_shrinking && m_deliveredAny)
+        m_fallback = m_played;
     ++(m_shrinking ? m_earlierPlayed.switchesShallower : m_earlierPlayed.switchesDeeper);
     m_played = next;
     m_getsSinceMove = 0;
@@ -237,8 +248,32 @@ bool SonraJbufPolicy::admit(SonraJbufFrame_p* frame)
         return false;
     }
     frame->m_delivered = true;
+    m_fallbackLast = false;
     m_deliveredAny = true;
     m_lastDeliveredSeqNum = frame->m_seqNum;
+    return true;
+}
+
+bool SonraJbufPolicy::admitFallback(SonraJbufFrame_p* frame, unsigned residenceTime)
+{
+    if (!frame || frame->m_delivered || static_cast<int32_t>(frame->m_seqNum - m_lastDeliveredSeqNum) <= 0)
+        return false;
+    frame->m_delivered = true;
+    m_lastDeliveredSeqNum = frame->m_seqNum;
+    ++m_earlierPlayed.framesPlayed;
+    ++m_earlierPlayed.framesExpanded;
+    m_fallbackLast = true;
+    m_fallbackSeqNum = frame->m_seqNum;
+    m_fallbackTimeStamp = frame->m_timeStamp;
+    m_fallbackResidence = residenceTime;
+    return true;
+}
+
+bool SonraJbufPolicy::passOverCandidate(unsigned* seqNum) const
+{
+    if (!m_stretching || !m_shrinking || m_moveGets == 0)
+        return false;
+    *seqNum = m_lastDeliveredSeqNum + 1;
     return true;
 }
 
@@ -276,6 +311,11 @@ SonraJbufStatistics SonraJbufPolicy::statistics() const
     SonraJbufStatistics statistics = played.m_queue->statistics();
     combineCounts(statistics, m_earlierPlayed, m_playedSince);
     statistics.playedDepth = played.m_depth;
+    if (m_fallbackLast) {
+        statistics.lastSeqNum = m_fallbackSeqNum;
+        statistics.lastTimeStamp = m_fallbackTimeStamp;
+        statistics.lastResidenceTime = m_fallbackResidence;
+    }
     return statistics;
 }
 

@@ -61,6 +61,16 @@
 //    PLAYOUT_DESCENT_FRACTION of the target on the short share, never below
 //    a held peak height.
 //
+// Time stretching (SonraJbuf::setTimeStretching), under either adaptive
+// policy: when the queue a climb moves to has nothing to deliver at the
+// climb's get (its frame was delivered already, or it has none), the queue
+// it left delivers its own frame, if that is the next one, asking for it to
+// be played over two periods (framesExpanded; it counts as played), so that
+// the first get the climb holds has speech. At a descent's first frame
+// after the last delivered one, the frame right after the last delivered
+// one, taken this get by a queue between, is handed over with it
+// (framesAccelerated).
+//
 // Counts: statistics() adds up what each queue did while it was the played
 // one, and the moves. A frame the played queue gave out but a move held back
 // is held (framesHeld), not played.
@@ -95,11 +105,28 @@ public:
     // After every queue took the frame.
     void notePut();
 
+    // Time stretching on or off; keeps every decision and count.
+    void setStretching(bool enabled);
+
     // Before each get: the index of the queue to play now ("play this queue?").
     std::size_t choose();
     // After the get: whether the frame the played queue gave out (maybe
     // none) is delivered; marks it delivered when it is.
     bool admit(SonraJbufFrame_p* frame);
+
+    // With time stretching: true and the sequence number of the frame a
+    // descent would pass over first, while the get may end a descent.
+    bool passOverCandidate(unsigned* seqNum) const;
+    // With time stretching, at a climb's get: the index of the queue the
+    // climb left, whose frame may stand in for the new queue's; NO_FALLBACK otherwise.
+    static const std::size_t NO_FALLBACK = static_cast<std::size_t>(-1);
+    std::size_t fallbackQueue() const { return m_fallback; }
+    // Whether `frame`, the left queue's, is delivered in place of the
+    // played queue's, which was not; marks it delivered when it is.
+    // `residenceTime`: ms it spent in the buffer.
+    bool admitFallback(SonraJbufFrame_p* frame, unsigned residenceTime);
+    // The delivered frame ended a descent that handed over its first passed-over frame.
+    void noteAccelerated() { ++m_earlierPlayed.framesAccelerated; }
 
     SonraJbufStatistics statistics() const;
 
@@ -132,6 +159,12 @@ private:
     unsigned m_lastDeliveredSeqNum = 0;
     unsigned m_moveGets = 0;             // gets left in which a frame not after the last delivered one is held
     bool m_shrinking = false;            // the move was to a shallower queue
+    bool m_stretching = false;           // see SonraJbuf::setTimeStretching
+    std::size_t m_fallback = NO_FALLBACK; // this get's climb left this queue
+    bool m_fallbackLast = false;         // the last frame delivered came from the queue a climb left
+    unsigned m_fallbackSeqNum = 0;       // that frame's sequence number,
+    unsigned m_fallbackTimeStamp = 0;    // timestamp (ms)
+    unsigned m_fallbackResidence = 0;    // and time in the buffer, ms
     SonraJbufStatistics m_earlierPlayed; // counts of the queues played before the current one, and the moves
     SonraJbufStatistics m_playedSince;   // the current played queue's counts when it became the played one
     // PLAYOUT_HISTOGRAM:

@@ -2,8 +2,11 @@
 
 #include "shared.h"
 #include "sonraopus_p.h"
+#include "sonrareceivernode.h"
+#include "sonratimestretcher_p.h"
 
 #include <boost/make_shared.hpp>
+#include <boost/weak_ptr.hpp>
 
 #include <cstdint>
 
@@ -17,6 +20,11 @@ struct SonraOpusDecNode_p {
     bool m_started = false;           // a packet decoded since creation or the last reset
     bool m_fecRecovery = false;       // packets are held back a frame for their successor's FEC
     opus::Frame m_heldPacket;         // the previous frame's packet while FEC recovery is on
+    // Time stretching, on while m_stretchSource is set:
+    boost::weak_ptr<SonraReceiverNode> m_stretchSource; // whose jitter buffer asks for stretches
+    boost::scoped_ptr<SonraTimeStretcher> m_stretcher;  // made when stretching is turned on
+    std::vector<int16_t> m_lastOutput;                  // samples of the last frame given out
+    std::vector<int16_t> m_surplus;                     // samples decoded for later periods, in order
 };
 
 namespace {
@@ -84,12 +92,35 @@ void SonraOpusDecNode::setFecRecovery(bool enabled)
     d->m_heldPacket.reset();
 }
 
+void SonraOpusDecNode::setTimeStretching(const boost::shared_ptr<SonraReceiverNode>& source)
+{
+    d->m_stretchSource = source;
+    if (source && !d->m_stretcher)
+        d->m_stretcher.reset(new SonraTimeStretcher(sampleRate()));
+    d->m_surplus.clear();
+    d->m_lastOutput.clear();
+}
+
 void SonraOpusDecNode::reset(unsigned /*offset*/)
 {
     opus::resetState(d->m_decoderPtr.get());
+    d->m_surplus.clear();
+    d->m_lastOutput.clear();
     d->m_started = false;
     d->m_concealed = 0;
     d->m_heldPacket.reset();
+}
+
+// The frame for the next packet slot, `packet` the slot's packet (maybe
+// none): with FEC recovery, the held packet's, rebuilt from `packet` if
+// it is missing, with `packet` held in turn.
+Frame SonraOpusDecNode::decodeNext(const Frame& packet)
+{
+    if (!d->m_fecRecovery)
+        return decodeSlot(*d, packet, Frame());
+    const Frame held = d->m_heldPacket;
+    d->m_heldPacket = packet;
+    return decodeSlot(*d, held, packet);
 }
 
 boost::shared_ptr<std::vector<char> > SonraOpusDecNode::doProcess()
@@ -99,11 +130,67 @@ boost::shared_ptr<std::vector<char> > SonraOpusDecNode::doProcess()
     Frame input = getInputData();
     if (!opus::isCodable(input))
         input.reset();
-    if (!d->m_fecRecovery)
-        return decodeSlot(*d, input, Frame());
-    const Frame packet = d->m_heldPacket;
-    d->m_heldPacket = input;
-    return decodeSlot(*d, packet, input);
+    const boost::shared_ptr<SonraReceiverNode> stretchSource = d->m_stretchSource.lock();
+    if (!stretchSource)
+        return decodeNext(input);
+    return stretchedFrame(input, stretchSource->stretchRequest());
+}
+
+// The period's frame with time stretching on: stretched audio first, held
+// over from an earlier period, then what the period's packets decode to.
+Frame SonraOpusDecNode::stretchedFrame(const Frame& input, const SonraJbufStretchRequest& request)
+{
+    const std::size_t frameSamples = d->m_frameSamples;
+    if (!input && d->m_surplus.size() >= frameSamples)
+        return giveOut(Frame()); // a held period, covered by the stretched frame before it
+    Frame passed = request.passedOver;
+    if (!opus::isCodable(passed))
+        passed.reset();
+    const Frame early = passed ? decodeNext(passed) : Frame();
+    Frame decoded = decodeNext(input);
+    if (early && decoded) {
+        const Frame both = boost::make_shared<std::vector<char> >(*early);
+        both->insert(both->end(), decoded->begin(), decoded->end());
+        decoded = stretch(*both, frameSamples);
+    } else if (early) {
+        decoded = early;
+    }
+    if (decoded && request.expand)
+        decoded = stretch(*decoded, 2 * frameSamples);
+    return giveOut(decoded);
+}
+
+// `pcm` played in `outSamples` samples per channel.
+Frame SonraOpusDecNode::stretch(const std::vector<char>& pcm, std::size_t outSamples)
+{
+    const Frame out = boost::make_shared<std::vector<char> >(2 * outSamples);
+    d->m_stretcher->stretch(d->m_lastOutput, reinterpret_cast<const int16_t*>(pcm.data()), pcm.size() / 2,
+                            reinterpret_cast<int16_t*>(out->data()), outSamples);
+    return out;
+}
+
+// One frame out of the surplus and `decoded` (either may be empty), in order.
+Frame SonraOpusDecNode::giveOut(const Frame& decoded)
+{
+    const std::size_t frameSamples = d->m_frameSamples;
+    Frame out = decoded;
+    if (!d->m_surplus.empty() || (decoded && decoded->size() > 2 * frameSamples)) {
+        if (decoded) {
+            const int16_t* samples = reinterpret_cast<const int16_t*>(decoded->data());
+            d->m_surplus.insert(d->m_surplus.end(), samples, samples + decoded->size() / 2);
+        }
+        if (d->m_surplus.size() < frameSamples)
+            return Frame(); // only ever whole frames are held over
+        out = boost::make_shared<std::vector<char> >(2 * frameSamples);
+        std::copy(d->m_surplus.begin(), d->m_surplus.begin() + static_cast<std::ptrdiff_t>(frameSamples),
+                  reinterpret_cast<int16_t*>(out->data()));
+        d->m_surplus.erase(d->m_surplus.begin(), d->m_surplus.begin() + static_cast<std::ptrdiff_t>(frameSamples));
+    }
+    if (out) {
+        const int16_t* samples = reinterpret_cast<const int16_t*>(out->data());
+        d->m_lastOutput.assign(samples, samples + frameSamples);
+    }
+    return out;
 }
 
 } // namespace ombrel

@@ -5,7 +5,9 @@
 
 namespace ombrel {
 
+struct SonraJbufStretchRequest;
 struct SonraOpusDecNode_p;
+class SonraReceiverNode;
 
 // Decodes the Opus packet its input delivers into one frame of 16-bit mono
 // PCM (frameSize() bytes). A packet that is corrupt or not exactly one
@@ -34,11 +36,28 @@ public:
     // dropped.
     void setFecRecovery(bool enabled);
 
+    // Time stretching (off by default): the jitter buffer of `source`, the
+    // receiver this node decodes for, changes its delay by asking for
+    // speech played slower or faster (SonraJbuf::setTimeStretching; the
+    // source's own switch must be on too). A frame asked to last two
+    // periods is stretched so, and its second half plays in the next period
+    // that brings no packet; a frame a descent passed over is decoded with
+    // the frame after it, and the two are played in one period. Pitch stays;
+    // the ends join the frames around them without a step. An empty pointer
+    // turns it off; the node keeps only a weak reference to the source.
+    void setTimeStretching(const boost::shared_ptr<SonraReceiverNode>& source);
+
     // Restarts the stream: the next packet decodes as a first packet.
     void reset(unsigned offset) override;
     boost::shared_ptr<std::vector<char> > doProcess() override;
 
 private:
+    typedef boost::shared_ptr<std::vector<char> > Frame;
+    Frame decodeNext(const Frame& packet);
+    Frame stretchedFrame(const Frame& input, const SonraJbufStretchRequest& request);
+    Frame stretch(const std::vector<char>& pcm, std::size_t outSamples);
+    Frame giveOut(const Frame& decoded);
+
     boost::scoped_ptr<SonraOpusDecNode_p> d;
 };
 

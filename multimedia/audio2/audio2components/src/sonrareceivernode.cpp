@@ -15,7 +15,7 @@ struct SonraReceiverNode_p {
     static const unsigned INITIAL_JBUF_PERIOD = 60; // ms
 
     SonraReceiverNode_p()
-        : m_packetDuration(0), m_framePhase(0), m_framesPerPacket(0), m_jbuf(INITIAL_JBUF_PERIOD)
+        : m_packetDuration(0), m_framePhase(0), m_framesPerPacket(0), m_jbuf(INITIAL_JBUF_PERIOD), m_gotFrame(false)
     {
     }
 
@@ -23,7 +23,12 @@ struct SonraReceiverNode_p {
     unsigned m_framePhase;      // graph frames into the current packet period
     unsigned m_framesPerPacket; // graph frames per packet period
     SonraJbuf m_jbuf;
+    bool m_gotFrame; // the last doProcess asked the jitter buffer for a frame
 };
+
+namespace {
+const SonraJbufStretchRequest NO_STRETCH;
+}
 
 SonraReceiverNode::SonraReceiverNode(boost::shared_ptr<boost::asio::io_service> ioService,
                                      unsigned int frameDuration, unsigned int sampleRate)
@@ -58,6 +63,16 @@ void SonraReceiverNode::setPlayoutPolicy(SonraJbuf::PlayoutPolicy policy)
     d->m_jbuf.setPlayoutPolicy(policy);
 }
 
+void SonraReceiverNode::setTimeStretching(bool enabled)
+{
+    d->m_jbuf.setTimeStretching(enabled);
+}
+
+const SonraJbufStretchRequest& SonraReceiverNode::stretchRequest() const
+{
+    return d->m_gotFrame ? d->m_jbuf.stretchRequest() : NO_STRETCH;
+}
+
 void SonraReceiverNode::dataReceived(boost::shared_ptr<std::vector<char> > data)
 {
     if (!data || data->size() < SonraPacket::HEADER_SIZE)
@@ -83,7 +98,8 @@ void SonraReceiverNode::reset(unsigned int /*offset*/)
 boost::shared_ptr<std::vector<char> > SonraReceiverNode::doProcess()
 {
     boost::shared_ptr<std::vector<char> > output;
-    if (d->m_framePhase == 0)
+    d->m_gotFrame = d->m_framePhase == 0;
+    if (d->m_gotFrame)
         d->m_jbuf.getFrame(output, 0, 0);
     ++d->m_framePhase;
     if (d->m_framePhase >= d->m_framesPerPacket)

@@ -34,6 +34,14 @@ public:
     // SonraJbuf::setPlayoutPolicy: which delay is played; restarts the jitter
     // buffer empty. SonraJbuf::PLAYOUT_INITIAL_DELAY by default.
     void setPlayoutPolicy(SonraJbuf::PlayoutPolicy policy);
+    // SonraJbuf::setTimeStretching, for a decoder after the node that plays
+    // speech slower or faster (SonraOpusDecNode::setTimeStretching). Off by
+    // default; keeps the frames.
+    void setTimeStretching(bool enabled);
+    // What the frame the node output last asks of such a decoder: the
+    // jitter buffer's request when the frame began a packet period, empty
+    // otherwise.
+    const SonraJbufStretchRequest& stretchRequest() const;
     // One received datagram; fewer than 12 bytes are ignored.
     void dataReceived(boost::shared_ptr<std::vector<char> > data);
     // The jitter buffer's counts.
