@@ -66,6 +66,8 @@ bool networkOption(const std::string& option, const std::string& value, CallOpti
         jitterBuffer.recovery = !sonratool::eitherOr(option, value, "on", "off");
     else if (option == "--policy")
         jitterBuffer.policy = sonratool::playoutPolicyNamed(option, value);
+    else if (option == "--stretch")
+        jitterBuffer.timeStretching = !sonratool::eitherOr(option, value, "on", "off");
     else if (option == "--plc")
         options.net.concealment = whole(option, value, 0, 60000);
     else if (option == "--fec")

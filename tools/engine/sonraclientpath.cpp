@@ -42,6 +42,10 @@ ClientPathBuilder::ReceiveHalf ClientPathBuilder::receiveHalf() const
     auto decoder = boost::make_shared<SonraOpusDecNode>(io, settings.frameDuration, settings.sampleRate);
     decoder->setConcealment(settings.concealment);
     decoder->setFecRecovery(settings.fecLoss > 0);
+    if (jbuf.timeStretching) {
+        half.receiver->setTimeStretching(true);
+        decoder->setTimeStretching(half.receiver);
+    }
     pipe.connect(half.receiver, decoder);
     half.output = decoder;
     return half;

@@ -28,6 +28,7 @@ struct JitterBufferSettings {
                           RECEIVER_DEFAULT_DELAYS_MS[3]}; // initial, min, max, extra jitter delay, ms
     bool recovery = true;   // SonraJbuf::setRecovery: a stray datagram never silences the receiver
     ombrel::SonraJbuf::PlayoutPolicy policy = ombrel::SonraJbuf::PLAYOUT_INITIAL_DELAY;
+    bool timeStretching = false; // SonraJbuf::setTimeStretching, for Opus: moves stretch speech
 
     // The deepest the jitter buffer can hold, ms.
     unsigned deepestMs() const { return delays[2] + delays[3]; }

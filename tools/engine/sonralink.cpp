@@ -72,6 +72,9 @@ void finishFrame(Link& link, const SonraReceiverNode& receiver, uint64_t playedB
         record.timeStamp = stats.lastTimeStamp;
         record.residence = stats.lastResidenceTime;
         link.markPlayed(stats.lastSeqNum, record.time);
+        // A descent's passed-over frame played, faster, with this one.
+        if (receiver.stretchRequest().passedOver)
+            link.markPlayed(receiver.stretchRequest().passedOverSeqNum, record.time);
     }
     record.queued = stats.queuedFrames;
 }

@@ -49,6 +49,8 @@ bool pathOption(const std::string& arg, const std::string& value, Config& config
         config.jitterBuffer.setDelays = true;
     } else if (arg == "--policy")
         config.jitterBuffer.policy = sonratool::playoutPolicyNamed(arg, value);
+    else if (arg == "--stretch")
+        config.jitterBuffer.timeStretching = !sonratool::eitherOr(arg, value, "on", "off");
     else if (arg == "--recovery")
         config.jitterBuffer.recovery = !sonratool::eitherOr(arg, value, "on", "off");
     else if (arg == "--plc")

@@ -64,10 +64,13 @@ void printSummary(const NetsimOptions& options, const Result& result)
     std::printf("depth decreases           %8llu\n", static_cast<unsigned long long>(j.depthDecreases));
     std::printf("stray, resyncs            %8llu %llu\n", static_cast<unsigned long long>(j.framesStray),
                 static_cast<unsigned long long>(j.resyncs));
-    std::printf("playout deeper, shallower %8llu %llu (held %llu, skipped %llu; depth now %u)\n\n",
+    std::printf("playout deeper, shallower %8llu %llu (held %llu, skipped %llu; depth now %u)\n",
                 static_cast<unsigned long long>(j.switchesDeeper), static_cast<unsigned long long>(j.switchesShallower),
                 static_cast<unsigned long long>(j.framesHeld), static_cast<unsigned long long>(j.framesSkipped),
                 j.playedDepth);
+    std::printf("time-stretched frames     %8llu %llu (played over two periods before a climb; of the\n"
+                "                          skipped, played with the next in one period)\n\n",
+                static_cast<unsigned long long>(j.framesExpanded), static_cast<unsigned long long>(j.framesAccelerated));
     std::printf("network delay             mean %.1f ms, 95th percentile %.1f ms\n", s.meanNetworkDelay,
                 s.p95NetworkDelay);
     std::printf("send to playout delay     mean %.1f ms, 95th percentile %.1f ms, max %u ms\n", s.meanDelay,

@@ -1,6 +1,7 @@
 #include "sonranetsimsweep.h"
 
 #include "sonralistening.h"
+#include "sonraoptions.h"
 
 #include <algorithm>
 #include <cmath>
@@ -16,8 +17,9 @@ const unsigned MAX_DEPTH_MS = 400;     // the deepest fixed depth swept, and the
 const unsigned PLATEAU_DEPTHS = 4;     // a stationary sweep gives up after this many depths without fewer too-old
 const double TOO_OLD_TARGET = 0.01;    // share of the delivered packets refused as too old
 const unsigned CONCEALMENT_MS = 60;    // longest gap concealed in the runs with concealment
-const unsigned POLICY_DELAYS_MS[4] = {RECEIVER_DEFAULT_DELAYS_MS[0], FRAME_MS, MAX_DEPTH_MS,
-                                      RECEIVER_DEFAULT_DELAYS_MS[3]};
+// The policy's runs: the tools' own playout (the histogram policy, moves
+// stretched) over the tools' ladder.
+const unsigned* const POLICY_DELAYS_MS = sonratool::LISTENER_DELAYS_MS;
 
 SweepScenario stationary(const std::string& name, const std::string& title, const NetworkModel& model,
                          const std::vector<std::string>& args, unsigned loss)
@@ -67,8 +69,9 @@ struct Figures {
     unsigned sent = 0, lost = 0, played = 0;
     uint64_t tooOld = 0;
     double mean = 0, p95 = 0, lsd = 0, mos = 1;
-    // Frames time-stretched to move the delay, and their share of the call's
-    // time: 0 while the jitter buffer moves its delay by whole frames only.
+    // Frames time-stretched to move the delay, and the share of the call's
+    // periods that played stretched audio (an expanded frame fills two, an
+    // accelerated pair one).
     uint64_t stretched = 0;
     double stretchShare = 0;
 
@@ -89,6 +92,9 @@ Figures run(const std::vector<int16_t>& input, Config config)
     f.p95 = s.p95Delay;
     f.lsd = s.spectralDistance;
     f.mos = listeningOf(result, config).rating.mos;
+    f.stretched = s.jbuf.framesExpanded + s.jbuf.framesAccelerated;
+    const uint64_t periods = s.jbuf.framesPlayed + s.jbuf.framesHeld + s.jbuf.underruns;
+    f.stretchShare = periods ? double(2 * s.jbuf.framesExpanded + s.jbuf.framesAccelerated) / periods : 0;
     return f;
 }
 
@@ -146,7 +152,8 @@ Config atDepth(Config config, unsigned depth)
 
 Config withPolicy(Config config)
 {
-    config.jitterBuffer.policy = ombrel::SonraJbuf::PLAYOUT_ADAPTIVE;
+    config.jitterBuffer.policy = ombrel::SonraJbuf::PLAYOUT_HISTOGRAM;
+    config.jitterBuffer.timeStretching = true;
     config.jitterBuffer.setDelays = true;
     std::copy(POLICY_DELAYS_MS, POLICY_DELAYS_MS + 4, config.jitterBuffer.delays);
     return config;

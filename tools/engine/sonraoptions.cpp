@@ -104,6 +104,7 @@ void listenerDefaults(sonranetsim::PathSettings& settings)
     settings.jitterBuffer.setDelays = true;
     std::copy(LISTENER_DELAYS_MS, LISTENER_DELAYS_MS + 4, settings.jitterBuffer.delays);
     settings.jitterBuffer.recovery = true;
+    settings.jitterBuffer.timeStretching = true;
     const bool opus = settings.codec == sonranetsim::Codec::Opus;
     settings.concealment = opus ? LISTENER_CONCEALMENT_MS : 0;
     settings.fecLoss = opus ? LISTENER_FEC_LOSS : 0;

@@ -44,7 +44,8 @@ bool commonNetworkOption(const std::string& option, const std::string& value, so
 
 // What the tools give a listener unless told otherwise: the histogram
 // playout policy over a wide ladder of depths, recovery, and for Opus
-// concealment of short gaps and in-band FEC with recovery at the receiver.
+// time stretching of the policy's moves, concealment of short gaps and
+// in-band FEC with recovery at the receiver.
 // The ladder starts at 80 ms: in a call of a few seconds over 30 ms of
 // jitter the policy has no time to learn before frames come late, and
 // 80 ms keeps those under 1% while a calm network still brings it down.
