@@ -6,6 +6,7 @@
 #include "sonrajbuf.h"
 #include "sonrapacket.h"
 #include "sonrareceivernode.h"
+#include "sonratimestretcher_p.h"
 
 #include "benchratio.h"
 #include "sonrasignal.h"
@@ -137,6 +138,43 @@ void BM_JbufLadderAdaptive(benchmark::State& state) { runLadder(state, SonraJbuf
 BENCHMARK(BM_JbufLadderAdaptive);
 void BM_JbufLadderHistogram(benchmark::State& state) { runLadder(state, SonraJbuf::PLAYOUT_HISTOGRAM); }
 BENCHMARK(BM_JbufLadderHistogram);
+
+// The tools' playout: the histogram policy with time stretching on (the
+// queues' side of it: requests and hand-overs), per frame.
+void BM_JbufLadderStretching(benchmark::State& state)
+{
+    SonraJbuf jbuf(FRAME_DURATION);
+    jbuf.setDelays(80, 20, 400, 300);
+    jbuf.setPlayoutPolicy(SonraJbuf::PLAYOUT_HISTOGRAM);
+    jbuf.setRecovery(true);
+    jbuf.setTimeStretching(true);
+    runJbuf(state, jbuf);
+}
+BENCHMARK(BM_JbufLadderStretching);
+SONRA_BASELINE(BM_JbufLadderStretching, "jitter buffer put+get, 20 queues, histogram playout, stretching",
+               BM_BareOpusDecode, "opus_decode (16 kHz)");
+
+// The stretcher's own cost, per stretch (apart from the queues: it runs only
+// at a move): two decoded frames played in one period, and one in two.
+void runStretch(benchmark::State& state, std::size_t inFrames, std::size_t outFrames)
+{
+    SonraTimeStretcher stretcher(SAMPLE_RATE);
+    const std::vector<int16_t> speech = sonratool::speechLike(SAMPLE_RATE, 4 * FRAME_SAMPLES);
+    const std::vector<int16_t> history(speech.begin(), speech.begin() + FRAME_SAMPLES);
+    std::vector<int16_t> out(outFrames * FRAME_SAMPLES);
+    for (auto _ : state) {
+        stretcher.stretch(history, speech.data() + FRAME_SAMPLES, inFrames * FRAME_SAMPLES, out.data(), out.size());
+        benchmark::DoNotOptimize(out.data());
+    }
+}
+void BM_StretchTwoFramesIntoOne(benchmark::State& state) { runStretch(state, 2, 1); }
+BENCHMARK(BM_StretchTwoFramesIntoOne);
+SONRA_BASELINE(BM_StretchTwoFramesIntoOne, "time stretch, 40 ms played in 20 ms", BM_BareOpusDecode,
+               "opus_decode (16 kHz)");
+void BM_StretchOneFrameIntoTwo(benchmark::State& state) { runStretch(state, 1, 2); }
+BENCHMARK(BM_StretchOneFrameIntoTwo);
+SONRA_BASELINE(BM_StretchOneFrameIntoTwo, "time stretch, 20 ms played in 40 ms", BM_BareOpusDecode,
+               "opus_decode (16 kHz)");
 
 // The whole receiving node: a datagram in (length check, parse, payload
 // copy, put) and one graph frame out.
