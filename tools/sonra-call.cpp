@@ -113,10 +113,10 @@ void printLeg(const sonracall::LegRecord& leg)
                     leg.played, static_cast<unsigned long long>(leg.concealedMs));
         return;
     }
-    std::printf("  from party %u: sent %u, lost %u, late %llu, played %u; jitter buffer %.1f ms mean, "
-                "%.1f ms p95; heard vs said %s\n",
+    std::printf("  from party %u: sent %u, lost %u, late %llu, played %u (%llu time-stretched); jitter buffer "
+                "%.1f ms mean, %.1f ms p95; heard vs said %s\n",
                 leg.from + 1, leg.sent, leg.lost, static_cast<unsigned long long>(leg.late), leg.played,
-                leg.meanResidenceMs, leg.p95ResidenceMs, sonratool::decibels(leg.snrDb).c_str());
+                static_cast<unsigned long long>(leg.stretched), leg.meanResidenceMs, leg.p95ResidenceMs, sonratool::decibels(leg.snrDb).c_str());
     std::printf("    MOS %.2f (E-model R %.1f): mouth to ear %.0f ms; FEC rebuilt %u, concealed %u frames; "
                 "unheard %.1f%%, burst ratio %.2f\n",
                 leg.mos, leg.r, leg.mouthToEarMs, leg.rebuilt, leg.concealed, leg.lossPercent, leg.burstRatio);

@@ -155,6 +155,7 @@ LegRecord legRecord(const Leg& leg, const sonranetsim::PathSettings& settings)
     record.sent = s.sent;
     record.lost = s.lostInNetwork;
     record.late = s.jbuf.framesTooOld;
+    record.stretched = s.jbuf.framesExpanded + s.jbuf.framesAccelerated;
     record.played = s.played;
     record.snrDb = s.snr;
     std::vector<double> residences; // ms

@@ -51,6 +51,7 @@ struct LegRecord {
     uint64_t concealedMs = 0;     // RTP: audio made up for lost packets
     unsigned sent = 0, lost = 0, played = 0; // packets
     uint64_t late = 0;            // frames refused as too old
+    uint64_t stretched = 0;       // frames the playout's moves played time-stretched (expanded or accelerated)
     double meanResidenceMs = 0, p95ResidenceMs = 0; // of the frames played
     double snrDb = 0;             // heard against said, frames aligned; infinite when exact
     unsigned rebuilt = 0;         // packets FEC rebuilt from their successors
