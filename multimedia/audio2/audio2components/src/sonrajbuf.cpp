@@ -21,7 +21,16 @@ struct SonraJbuf_p {
     unsigned m_minBufDepth;       // frames
     unsigned m_extraJitterDelay;  // ms a queue may hold beyond its depth
     unsigned m_extraJitterFrames; // frames
+    // Records no queue holds any more, kept until the next put, get or
+    // reset: a frame a queue's getFrame hands out owns nothing (see
+    // SonraJbufFrame_p::m_self) and stays valid until then; the next put
+    // reuses the latest. Declared before m_queues, which release into it,
+    // so that it is destroyed after them.
+    std::vector<boost::shared_ptr<SonraJbufFrame_p> > m_released;
     std::map<unsigned, boost::shared_ptr<SonraJbufSimple> > m_queues; // by depth in frames
+    std::vector<SonraJbufSimple*> m_ladder;     // m_queues' queues, ascending depth
+    unsigned m_now;                             // ms, the clock read once per getFrame for every queue
+    unsigned m_observationFrames;               // frames, a queue's observation period (set by reset)
     boost::function<unsigned ()> m_timeHandler; // the clock, ms
     bool m_recovery;                            // see SonraJbuf::setRecovery
     SonraJbuf::PlayoutPolicy m_playoutPolicy;   // see SonraJbuf::setPlayoutPolicy
@@ -43,6 +52,25 @@ const unsigned OBSERVATION_PERIOD_MS = 3000;
 unsigned ringSlots(const SonraJbuf_p& d)
 {
     return 2 * d.m_maxBufDepth + d.m_extraJitterFrames;
+}
+
+// A slot's pointer to `frame`: it owns nothing, so copying and dropping it
+// touch no reference count; the record counts the slot as a holder instead.
+// Only the frame being put is held: once every queue took it, the owner's
+// putFrame hands the record its m_self if any queue holds it.
+inline boost::shared_ptr<SonraJbufFrame_p> holdFrame(const boost::shared_ptr<SonraJbufFrame_p>& frame)
+{
+    ++frame->m_holders;
+    return boost::shared_ptr<SonraJbufFrame_p>(boost::shared_ptr<SonraJbufFrame_p>(), frame.get());
+}
+
+// A slot let go of `frame`. Once no slot holds it, the record is kept in
+// `released` until the owner's next put, get or reset, so that the pointer
+// just taken from the slot stays valid for the get that took it.
+inline void releaseFrame(SonraJbufFrame_p& frame, std::vector<boost::shared_ptr<SonraJbufFrame_p> >& released)
+{
+    if (--frame.m_holders == 0)
+        released.push_back(std::move(frame.m_self));
 }
 
 } // namespace
@@ -71,7 +99,13 @@ SonraJbufSimple::SonraJbufSimple(SonraJbuf_p* owner, unsigned bufDelayFrames, un
     SONRA_ASSERT(bufSize>=m_maxDelayFrames);
 }
 
-SonraJbufSimple::~SonraJbufSimple() = default;
+SonraJbufSimple::~SonraJbufSimple()
+{
+    for (const boost::shared_ptr<SonraJbufFrame_p>& slot : m_frames) {
+        if (slot && --slot->m_holders == 0)
+            slot->m_self.reset(); // nothing taken from a queue outlives it
+    }
+}
 
 void SonraJbufSimple::setRecovery(bool enabled)
 {
@@ -90,9 +124,12 @@ boost::shared_ptr<SonraJbufFrame_p> SonraJbufSimple::advanceHead()
         ++m_headSeqNum;
     boost::shared_ptr<SonraJbufFrame_p> taken;
     taken.swap(m_frames[m_headIndex]);
+    if (taken)
+        releaseFrame(*taken, m_owner->m_released);
     if (taken && m_framesCount != 0)
         --m_framesCount;
-    m_headIndex = (m_headIndex + 1) % m_bufSize;
+    if (++m_headIndex == m_bufSize) // (m_headIndex + 1) % m_bufSize, without a division
+        m_headIndex = 0;
     if (m_headSeqNum > m_minSeqNum)
         m_minSeqNum = m_headSeqNum;
     return taken;
@@ -149,13 +186,20 @@ bool SonraJbufSimple::putFrame(const boost::shared_ptr<SonraJbufFrame_p>& frame)
         if (m_headSeqNum == 0) {
             ++m_statistics.framesUnnumbered;
         } else {
-            const unsigned index = static_cast<unsigned>((static_cast<uint64_t>(m_headIndex) + offset) % m_bufSize);
+            // (m_headIndex + offset) % m_bufSize, without a division: both
+            // terms are below the ring size (offset <= the maximum lead).
+            unsigned index = m_headIndex + offset;
+            if (index < offset || index >= m_bufSize)
+                index -= m_bufSize;
             const bool duplicate = static_cast<bool>(m_frames[index]);
             if (duplicate)
                 ++m_statistics.duplicates;
             if (m_framesCount == 0)
                 primeDepth();
-            m_frames[index] = frame;
+            boost::shared_ptr<SonraJbufFrame_p> replaced = holdFrame(frame);
+            replaced.swap(m_frames[index]);
+            if (replaced)
+                releaseFrame(*replaced, m_owner->m_released);
             if (duplicate && m_recovery->countsDuplicateOnce())
                 ++m_statistics.framesDropped;
             else
@@ -198,12 +242,15 @@ void SonraJbufSimple::primeDepth()
 // replaced included, so that the counts still add up to the frames put.
 void SonraJbufSimple::resync(const boost::shared_ptr<SonraJbufFrame_p>& frame)
 {
-    for (boost::shared_ptr<SonraJbufFrame_p>& slot : m_frames)
+    for (boost::shared_ptr<SonraJbufFrame_p>& slot : m_frames) {
+        if (slot)
+            releaseFrame(*slot, m_owner->m_released);
         slot.reset();
+    }
     m_statistics.framesDropped += m_framesCount;
     ++m_statistics.resyncs;
     primeDepth();
-    m_frames[m_headIndex] = frame;
+    m_frames[m_headIndex] = holdFrame(frame);
     m_framesCount = 1;
     m_headSeqNum = m_minSeqNum = frame->m_seqNum;
     m_dynMinBufTime = 0;
@@ -211,13 +258,14 @@ void SonraJbufSimple::resync(const boost::shared_ptr<SonraJbufFrame_p>& frame)
     m_dynCounter = 0;
 }
 
-// The time `frame` spent in the queue. A clock that reads less than the
+// The time `frame` spent in the queue, by the clock as the owner read it at
+// the start of the get. A clock that reads less than the
 // frame's stamp was replaced by a younger one while the frame waited (its
 // owner moved to another pipe): the wait is unknown and counts as 0 ms,
 // which restarts the observation period instead of stopping the client.
 unsigned SonraJbufSimple::residenceTime(const SonraJbufFrame_p& frame) const
 {
-    const unsigned now = m_jbufPtr->currentTime();
+    const unsigned now = m_owner->m_now;
     return now >= frame.m_bufTime ? now - frame.m_bufTime : 0;
 }
 
@@ -261,7 +309,7 @@ boost::shared_ptr<SonraJbufFrame_p> SonraJbufSimple::getFrame()
     }
 
     const unsigned dynBufDelay = frameDuration * m_dynReferenceBufDepth; // ms
-    const unsigned dynCountPeriod = OBSERVATION_PERIOD_MS / frameDuration; // frames
+    const unsigned dynCountPeriod = m_owner->m_observationFrames; // frames, OBSERVATION_PERIOD_MS / frameDuration
     SONRA_DEBUG(LOG_CATEGORY, 0, false)
         << "JBuf m_dynMinBufTime=" << m_dynMinBufTime << ", m_dynReferenceBufDepth=" << m_dynReferenceBufDepth
         << ", m_framesCount=" << m_framesCount << ", m_bufDelayFrames=" << m_bufDelayFrames
@@ -303,6 +351,34 @@ SonraJbufStatistics SonraJbufSimple::statistics() const
 
 // ---------------------------------------------------------------- SonraJbuf
 
+namespace {
+
+// A record for the frame being put: the latest one the queues released,
+// when nothing else holds it, cleared; else a new one. What the last get
+// handed out is no longer used: every other released record goes.
+boost::shared_ptr<SonraJbufFrame_p> newRecord(SonraJbuf_p& d)
+{
+    boost::shared_ptr<SonraJbufFrame_p> record;
+    if (!d.m_released.empty() && d.m_released.back().unique()) {
+        record.swap(d.m_released.back());
+        *record = SonraJbufFrame_p();
+    } else {
+        record = boost::make_shared<SonraJbufFrame_p>();
+    }
+    d.m_released.clear();
+    return record;
+}
+
+// Before a get: what the last get handed out is no longer used. The latest
+// released record is kept for the next put to reuse, the others go.
+void trimReleased(SonraJbuf_p& d)
+{
+    if (d.m_released.size() > 1)
+        d.m_released.erase(d.m_released.begin(), d.m_released.end() - 1);
+}
+
+} // namespace
+
 SonraJbuf::SonraJbuf(unsigned int frameDuration) : d(new SonraJbuf_p)
 {
     SONRA_ASSERT(frameDuration>0);
@@ -318,6 +394,7 @@ SonraJbuf::SonraJbuf(unsigned int frameDuration) : d(new SonraJbuf_p)
     d->m_recovery = false;
     d->m_playoutPolicy = PLAYOUT_INITIAL_DELAY;
     d->m_stretching = false;
+    d->m_now = 0;
     reset();
 }
 
@@ -375,8 +452,11 @@ void SonraJbuf::reset()
     d->m_minBufDepth = d->m_minDelay / d->m_frameDuration;
     d->m_initialBufDepth = d->m_initialDelay / d->m_frameDuration;
     d->m_extraJitterFrames = d->m_extraJitterDelay / d->m_frameDuration;
+    d->m_observationFrames = OBSERVATION_PERIOD_MS / d->m_frameDuration;
 
     d->m_queues.clear();
+    d->m_ladder.clear();
+    d->m_released.clear();
     const unsigned bufSize = ringSlots(*d);
     std::vector<SonraJbufSimple*> ladder;
     std::vector<unsigned> depths; // frames
@@ -394,6 +474,7 @@ void SonraJbuf::reset()
     d->m_policy.restart(policy, ladder, depths);
     d->m_policy.setStretching(d->m_stretching);
     d->m_stretchRequest = SonraJbufStretchRequest();
+    d->m_ladder = ladder;
     for (SonraJbufSimple* queue : ladder) {
         queue->setRecovery(d->m_recovery);
         queue->setWarmUp(d->m_policy.warmsUpQueues());
@@ -402,14 +483,20 @@ void SonraJbuf::reset()
 
 void SonraJbuf::putFrame(boost::shared_ptr<std::vector<char> > frame, unsigned int seqNum, unsigned int timeStamp)
 {
-    boost::shared_ptr<SonraJbufFrame_p> record = boost::make_shared<SonraJbufFrame_p>();
+    boost::shared_ptr<SonraJbufFrame_p> record = newRecord(*d);
     record->m_seqNum = seqNum;
     record->m_timeStamp = timeStamp;
-    record->m_data = frame;
+    record->m_data.swap(frame);
     record->m_bufTime = currentTime();
     std::size_t index = 0; // ascending depth
-    for (const auto& queue : d->m_queues)
-        d->m_policy.noteRefused(index++, queue.second->putFrame(record));
+    for (SonraJbufSimple* queue : d->m_ladder)
+        d->m_policy.noteRefused(index++, queue->putFrame(record));
+    // The record keeps itself while a queue holds it; else the next put reuses it.
+    SonraJbufFrame_p& stored = *record;
+    if (stored.m_holders != 0)
+        stored.m_self.swap(record);
+    else
+        d->m_released.push_back(std::move(record));
     d->m_policy.notePut();
 }
 
@@ -417,6 +504,8 @@ unsigned int SonraJbuf::getFrame(boost::shared_ptr<std::vector<char> >& frame, u
                                  unsigned int* timeStamp)
 {
     d->m_stretchRequest = SonraJbufStretchRequest();
+    trimReleased(*d);
+    d->m_now = currentTime(); // one clock reading for every queue's residence times
     const std::size_t playedIndex = d->m_policy.choose();
     unsigned passOverSeqNum = 0;
     const bool mayPassOver = d->m_policy.passOverCandidate(&passOverSeqNum);
@@ -428,8 +517,8 @@ unsigned int SonraJbuf::getFrame(boost::shared_ptr<std::vector<char> >& frame, u
     boost::shared_ptr<SonraJbufFrame_p> fallback;
     boost::shared_ptr<SonraJbufFrame_p> passedOver;
     std::size_t index = 0; // ascending depth
-    for (const auto& queue : d->m_queues) {
-        boost::shared_ptr<SonraJbufFrame_p> taken = queue.second->getFrame();
+    for (SonraJbufSimple* queue : d->m_ladder) {
+        boost::shared_ptr<SonraJbufFrame_p> taken = queue->getFrame();
         if (index == playedIndex)
             played.swap(taken);
         else if (index == fallbackIndex)
@@ -465,11 +554,10 @@ void SonraJbuf::notePassedOver(const SonraJbufFrame_p& played, const boost::shar
     d->m_policy.noteAccelerated();
 }
 
-// As a queue measures it for the frames it plays.
+// As a queue measures it for the frames it plays, on this get's clock reading.
 unsigned SonraJbuf::fallbackResidence(const SonraJbufFrame_p& frame) const
 {
-    const unsigned now = currentTime();
-    return now >= frame.m_bufTime ? now - frame.m_bufTime : 0;
+    return d->m_now >= frame.m_bufTime ? d->m_now - frame.m_bufTime : 0;
 }
 
 void SonraJbuf::setPlayoutPolicy(PlayoutPolicy policy)

@@ -95,9 +95,11 @@ public:
                     SonraJbuf* jbuf);
     ~SonraJbufSimple();
 
-    // True when the frame was refused as too old.
+    // True when the frame was refused as too old. A stored frame is held
+    // without ownership: the owner keeps the record alive.
     bool putFrame(const boost::shared_ptr<SonraJbufFrame_p>& frame);
-    // The frame due now, or an empty pointer.
+    // The frame due now, or an empty pointer. The pointer owns nothing: it
+    // stays valid until the owner's next put, get or reset.
     boost::shared_ptr<SonraJbufFrame_p> getFrame();
 
     // Counts of what was put and played.
@@ -109,10 +111,11 @@ public:
     void setWarmUp(bool warmsUp);   // waits D - 1 periods from empty
 
 private:
-    boost::shared_ptr<SonraJbufFrame_p> advanceHead();
+    // Called once per queue per frame: inline (defined in sonrajbuf.cpp).
+    inline boost::shared_ptr<SonraJbufFrame_p> advanceHead();
     void advanceHead(unsigned steps);
-    unsigned residenceTime(const SonraJbufFrame_p& frame) const;
-    void notePlayed(const SonraJbufFrame_p& frame);
+    inline unsigned residenceTime(const SonraJbufFrame_p& frame) const;
+    inline void notePlayed(const SonraJbufFrame_p& frame);
     bool countRefused(unsigned seqNum);
     void resync(const boost::shared_ptr<SonraJbufFrame_p>& frame);
     void primeDepth();

@@ -16,6 +16,12 @@ struct SonraJbufFrame_p {
     // Every queue holds the same record; under the adaptive policy a queue
     // moved to may still offer one that an earlier queue already played.
     bool m_delivered = false;
+    // The queues' slots point at the record without owning it, so that
+    // storing and taking a frame touches no atomic reference count: the
+    // slots that hold it count themselves here, and m_self keeps the record
+    // alive while that count is above zero.
+    unsigned m_holders = 0;
+    boost::shared_ptr<SonraJbufFrame_p> m_self;
 };
 
 } // namespace ombrel

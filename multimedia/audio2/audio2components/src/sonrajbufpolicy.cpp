@@ -71,11 +71,6 @@ bool SonraJbufPolicy::warmsUpQueues() const
     return adaptive();
 }
 
-void SonraJbufPolicy::noteRefused(std::size_t index, bool refused)
-{
-    m_candidates[index].m_refused = refused;
-}
-
 void SonraJbufPolicy::notePut()
 {
     if (adaptive())

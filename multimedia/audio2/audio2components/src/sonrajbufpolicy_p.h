@@ -101,7 +101,7 @@ public:
     bool warmsUpQueues() const;
 
     // After a put: whether the frame was too old for queue `index`.
-    void noteRefused(std::size_t index, bool refused);
+    void noteRefused(std::size_t index, bool refused) { m_candidates[index].m_refused = refused; }
     // After every queue took the frame.
     void notePut();
 

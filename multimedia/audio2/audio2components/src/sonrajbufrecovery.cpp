@@ -21,26 +21,6 @@ bool SonraJbufRecovery::enabled() const
     return m_config.m_enabled;
 }
 
-SonraJbufRecovery::Verdict SonraJbufRecovery::judge(unsigned seqNum, const SonraJbufQueuePosition& position)
-{
-    if (!m_config.m_enabled || !isFarFromStream(seqNum, position))
-        return PLACE;
-    return extendRun(seqNum);
-}
-
-bool SonraJbufRecovery::isFarFromStream(unsigned seqNum, const SonraJbufQueuePosition& position) const
-{
-    const unsigned lead = m_config.m_maxLeadFrames;
-    if (seqNum < position.m_minSeqNum)
-        return position.m_minSeqNum - seqNum > lead;
-    if (seqNum == 0 && position.m_framesCount == 0)
-        return true;
-    const unsigned jumpFrames = SonraJbuf::RECOVERY_MAX_JUMP_MS / m_config.m_frameDuration;
-    const unsigned maxJump = jumpFrames > lead ? jumpFrames : lead;
-    // m_minSeqNum is the highest head reached: seqNum - m_headSeqNum cannot wrap.
-    return position.m_headSeqNum != 0 && seqNum - position.m_headSeqNum > maxJump;
-}
-
 SonraJbufRecovery::Verdict SonraJbufRecovery::extendRun(unsigned seqNum)
 {
     const int32_t step = static_cast<int32_t>(seqNum - m_runSeqNum);
@@ -69,16 +49,6 @@ bool SonraJbufRecovery::mayAnchor(unsigned seqNum) const
 bool SonraJbufRecovery::countsDuplicateOnce() const
 {
     return m_config.m_enabled;
-}
-
-void SonraJbufRecovery::noteStored()
-{
-    m_runLength = 0;
-}
-
-void SonraJbufRecovery::noteGet()
-{
-    ++m_runGets;
 }
 
 } // namespace ombrel

@@ -29,6 +29,8 @@
 // Off, the frames are exactly those of the queue rules. Turning recovery on
 // or off keeps the frames.
 
+#include "sonrajbuf.h"
+
 namespace ombrel {
 
 struct SonraJbufRecoveryConfig {
@@ -60,6 +62,7 @@ public:
     bool enabled() const;
 
     // "Is this frame stray?" Extends or restarts the run of refused frames.
+    // Inline, with noteStored and noteGet: every queue calls them every frame.
     Verdict judge(unsigned seqNum, const SonraJbufQueuePosition& position);
     // Whether `seqNum` may anchor the head of an empty queue.
     bool mayAnchor(unsigned seqNum) const;
@@ -79,6 +82,41 @@ private:
     unsigned m_runLength; // frames refused in the run; 0: no run
     unsigned m_runGets;   // gets since the run began, wrapping
 };
+
+inline SonraJbufRecovery::Verdict SonraJbufRecovery::judge(unsigned seqNum, const SonraJbufQueuePosition& position)
+{
+    if (!m_config.m_enabled || !isFarFromStream(seqNum, position))
+        return PLACE;
+    return extendRun(seqNum);
+}
+
+inline bool SonraJbufRecovery::isFarFromStream(unsigned seqNum, const SonraJbufQueuePosition& position) const
+{
+    const unsigned lead = m_config.m_maxLeadFrames;
+    if (seqNum < position.m_minSeqNum)
+        return position.m_minSeqNum - seqNum > lead;
+    if (seqNum == 0 && position.m_framesCount == 0)
+        return true;
+    if (position.m_headSeqNum == 0)
+        return false;
+    // m_minSeqNum is the highest head reached: seqNum - m_headSeqNum cannot wrap.
+    const unsigned ahead = seqNum - position.m_headSeqNum; // frames
+    // The largest jump is max(L, SonraJbuf::RECOVERY_MAX_JUMP_MS / F): within
+    // L the frame is near, and only beyond it is the division needed.
+    if (ahead <= lead)
+        return false;
+    return ahead > SonraJbuf::RECOVERY_MAX_JUMP_MS / m_config.m_frameDuration;
+}
+
+inline void SonraJbufRecovery::noteStored()
+{
+    m_runLength = 0;
+}
+
+inline void SonraJbufRecovery::noteGet()
+{
+    ++m_runGets;
+}
 
 } // namespace ombrel
 
